@@ -1,0 +1,113 @@
+// OBS module entry points: create the application object, register the sources, add the dock.
+
+#include "core/app.h"
+#include "core/obs_compat.h"
+#include "core/version.h"
+#include "obs/text_source.h"
+#include "ui/dock.h"
+
+#include <obs-module.h>
+
+#include <QApplication>
+#include <QJsonDocument>
+#include <QPointer>
+
+OBS_DECLARE_MODULE()
+OBS_MODULE_USE_DEFAULT_LOCALE("vantorelle-obs", "en-US")
+
+namespace {
+
+constexpr const char* kDockId = "vantorelle-dock";
+
+QPointer<QWidget> s_dock;
+
+QString configPath(const char* file)
+{
+    char* path = obs_module_config_path(file);
+    const QString result = path ? QString::fromUtf8(path) : QString();
+    bfree(path);
+    return result;
+}
+
+// Procedures for scripts and other plug-ins: push an envelope into the live data, read the
+// snapshot. Either may be called from any thread; the live data guards itself.
+void procApplyEnvelope(void*, calldata_t* data)
+{
+    vantorelle::App* app = vantorelle::App::instance();
+    const char* text = calldata_string(data, "envelope");
+    const QJsonDocument doc = QJsonDocument::fromJson(QByteArray(text ? text : ""));
+    calldata_set_bool(data, "accepted", app && doc.isObject() && app->live().apply(doc.object()));
+}
+
+void procSnapshot(void*, calldata_t* data)
+{
+    vantorelle::App* app = vantorelle::App::instance();
+    const QByteArray line = app ? app->live().toJsonLine().trimmed() : QByteArray();
+    calldata_set_string(data, "snapshot", line.constData());
+}
+
+void registerProcedures()
+{
+    static bool registered = false;
+    if (registered)
+        return;
+    registered = true;
+    proc_handler_t* procs = obs_get_proc_handler();
+    proc_handler_add(procs, "void vantorelle_apply_envelope(in string envelope, out bool accepted)",
+                     procApplyEnvelope, nullptr);
+    proc_handler_add(procs, "void vantorelle_get_snapshot(out string snapshot)", procSnapshot,
+                     nullptr);
+}
+
+void addDock()
+{
+    // Widgets need a widget application; a headless host has none and gets no dock.
+    if (!qobject_cast<QApplication*>(QCoreApplication::instance()))
+        return;
+    auto* dock = new vantorelle::Dock;
+    if (vantorelle::compat::addDock(kDockId, "Vantorelle", dock))
+        s_dock = dock;
+    else
+        delete dock;
+}
+
+} // namespace
+
+MODULE_EXPORT const char* obs_module_name(void)
+{
+    return "Vantorelle";
+}
+
+MODULE_EXPORT const char* obs_module_description(void)
+{
+    return "Live Vantorelle scoreboard data, graphics and device setup inside OBS.";
+}
+
+bool obs_module_load(void)
+{
+    blog(LOG_INFO, "[vantorelle] loading plugin %s",
+         vantorelle::pluginVersion().toUtf8().constData());
+
+    if (!vantorelle::App::instance())
+        vantorelle::App::setInstance(new vantorelle::App(configPath("settings.json")));
+    vantorelle::App* app = vantorelle::App::instance();
+
+    vantorelle::registerTextSource();
+    QObject::connect(&app->live(), &vantorelle::LiveData::changed, app,
+                     &vantorelle::refreshTextSources);
+    registerProcedures();
+    addDock();
+    return true;
+}
+
+void obs_module_unload(void)
+{
+    vantorelle::compat::removeDock(kDockId);
+    s_dock.clear();
+
+    vantorelle::App* app = vantorelle::App::instance();
+    vantorelle::App::setInstance(nullptr);
+    delete app;
+
+    blog(LOG_INFO, "[vantorelle] plugin unloaded");
+}

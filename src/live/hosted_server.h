@@ -1,0 +1,66 @@
+#pragma once
+
+#include <QByteArray>
+#include <QHash>
+#include <QJsonObject>
+#include <QList>
+#include <QObject>
+#include <QPointer>
+#include <QTcpServer>
+
+#include <functional>
+
+class QTcpSocket;
+
+namespace vantorelle {
+
+class LiveData;
+
+// Shares the live data with other programs: a TCP server speaking one compact JSON object per
+// line. Every client gets the snapshot on connect and after every change, and may send requests
+// ("get", or operations answered by the installed handler).
+class HostedServer : public QObject
+{
+    Q_OBJECT
+
+public:
+    // Answers one operation: name and the whole request object in, reply object out.
+    using Handler = std::function<QJsonObject(const QString& op, const QJsonObject& request)>;
+
+    // Pending bytes a client may have without a line end before it is dropped.
+    static constexpr qsizetype MaxPendingBytes = 65536;
+
+    explicit HostedServer(LiveData* live, QObject* parent = nullptr);
+    ~HostedServer() override;
+
+    bool start(quint16 port, bool allowNetwork, QString* errorText = nullptr);
+    void stop();
+    void broadcast();
+    void setHandler(Handler handler) { m_handler = std::move(handler); }
+
+    int clientCount() const { return int(m_clients.size()); }
+    bool isListening() const { return m_server.isListening(); }
+    // The port actually listened on (the chosen one when port 0 was asked for); 0 when stopped.
+    quint16 serverPort() const { return m_server.isListening() ? m_server.serverPort() : 0; }
+    // The sentence of the last failed start; empty after a successful one.
+    QString lastError() const { return m_lastError; }
+
+Q_SIGNALS:
+    void clientsChanged(int count);
+
+private:
+    void acceptConnections();
+    void receive(QTcpSocket* client);
+    void dropClient(QTcpSocket* client);
+    void handleLine(QTcpSocket* client, const QByteArray& line);
+    void send(QTcpSocket* client, const QJsonObject& reply);
+
+    QPointer<LiveData> m_live;
+    QTcpServer m_server;
+    QList<QTcpSocket*> m_clients;
+    QHash<QTcpSocket*, QByteArray> m_buffers;
+    Handler m_handler;
+    QString m_lastError;
+};
+
+} // namespace vantorelle

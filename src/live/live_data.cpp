@@ -1,0 +1,226 @@
+#include "live_data.h"
+
+#include <QMutexLocker>
+
+#include <array>
+#include <cmath>
+
+namespace vantorelle {
+
+namespace {
+
+// Envelope keys that describe the message, never the scoreboard.
+constexpr std::array<QLatin1StringView, 9> kMetaKeys = {
+    QLatin1StringView("type"),     QLatin1StringView("seq"),          QLatin1StringView("ts_ms"),
+    QLatin1StringView("v"),        QLatin1StringView("sport"),        QLatin1StringView("online"),
+    QLatin1StringView("device_ts_ms"), QLatin1StringView("fw_version"), QLatin1StringView("transport")};
+
+bool isMetaKey(const QString& key)
+{
+    for (const auto& meta : kMetaKeys) {
+        if (key == meta)
+            return true;
+    }
+    return false;
+}
+
+bool isAcceptedType(const QString& type)
+{
+    return type.isEmpty() || type == QLatin1String("state") || type == QLatin1String("heartbeat") ||
+           type == QLatin1String("auth_ok");
+}
+
+void appendJsonString(QByteArray& out, const QString& text)
+{
+    static const char hex[] = "0123456789abcdef";
+    out.append('"');
+    for (const char c : text.toUtf8()) {
+        const auto u = static_cast<unsigned char>(c);
+        switch (c) {
+        case '"': out.append("\\\""); break;
+        case '\\': out.append("\\\\"); break;
+        case '\n': out.append("\\n"); break;
+        case '\r': out.append("\\r"); break;
+        case '\t': out.append("\\t"); break;
+        case '\b': out.append("\\b"); break;
+        case '\f': out.append("\\f"); break;
+        default:
+            if (u < 0x20) {
+                out.append("\\u00");
+                out.append(hex[u >> 4]);
+                out.append(hex[u & 0xf]);
+            } else {
+                out.append(c);
+            }
+        }
+    }
+    out.append('"');
+}
+
+} // namespace
+
+LiveData::LiveData(QObject* parent) : QObject(parent) {}
+
+QString LiveData::valueText(const QJsonValue& value)
+{
+    switch (value.type()) {
+    case QJsonValue::Bool:
+        return value.toBool() ? QStringLiteral("true") : QStringLiteral("false");
+    case QJsonValue::Double: {
+        const double d = value.toDouble();
+        if (std::isfinite(d) && d == std::trunc(d))
+            return d == 0 ? QStringLiteral("0") : QString::number(d, 'f', 0);
+        return QString::number(d, 'g', 6);
+    }
+    case QJsonValue::String:
+        return value.toString();
+    default:
+        return {};
+    }
+}
+
+bool LiveData::apply(const QJsonObject& envelope)
+{
+    if (envelope.isEmpty())
+        return false;
+    const QString type = envelope.value(QLatin1String("type")).toString();
+    if (!isAcceptedType(type))
+        return false;
+
+    const QJsonValue fieldsValue = envelope.value(QLatin1String("fields"));
+    const QJsonValue dataValue = envelope.value(QLatin1String("data"));
+    const QJsonObject& fields = fieldsValue.isObject() ? fieldsValue.toObject()
+                                : dataValue.isObject() ? dataValue.toObject()
+                                                       : envelope;
+    const QString sport = envelope.value(QLatin1String("sport")).toString();
+
+    QStringList changedNames;
+    bool sportChanged = false;
+    {
+        QMutexLocker lock(&m_mutex);
+        if (!sport.isEmpty() && sport != m_sport) {
+            m_sport = sport;
+            sportChanged = true;
+        }
+        // QJsonObject iterates in ascending key order.
+        for (auto it = fields.constBegin(); it != fields.constEnd(); ++it) {
+            const QJsonValue v = it.value();
+            if (isMetaKey(it.key()) || v.isObject() || v.isArray())
+                continue;
+            const QString text = valueText(v);
+            auto stored = m_fields.find(it.key());
+            if (stored == m_fields.end()) {
+                m_fields.insert(it.key(), text);
+            } else if (*stored != text) {
+                *stored = text;
+            } else {
+                continue;
+            }
+            changedNames.append(it.key());
+        }
+        m_updatedAt = QDateTime::currentDateTimeUtc();
+    }
+
+    if (!changedNames.isEmpty())
+        Q_EMIT fieldsChanged(changedNames);
+    if (!changedNames.isEmpty() || sportChanged)
+        Q_EMIT changed();
+    return true;
+}
+
+void LiveData::clear()
+{
+    {
+        QMutexLocker lock(&m_mutex);
+        if (m_fields.isEmpty() && m_sport.isEmpty())
+            return;
+        m_fields.clear();
+        m_sport.clear();
+        m_updatedAt = {};
+    }
+    Q_EMIT fieldsChanged({});
+    Q_EMIT changed();
+}
+
+QStringList LiveData::fieldNames() const
+{
+    QMutexLocker lock(&m_mutex);
+    return m_fields.keys();
+}
+
+QString LiveData::value(const QString& name) const
+{
+    QMutexLocker lock(&m_mutex);
+    return m_fields.value(name);
+}
+
+QString LiveData::sport() const
+{
+    QMutexLocker lock(&m_mutex);
+    return m_sport;
+}
+
+QString LiveData::source() const
+{
+    QMutexLocker lock(&m_mutex);
+    return m_source;
+}
+
+QDateTime LiveData::updatedAt() const
+{
+    QMutexLocker lock(&m_mutex);
+    return m_updatedAt;
+}
+
+void LiveData::setSource(const QString& text)
+{
+    {
+        QMutexLocker lock(&m_mutex);
+        if (m_source == text)
+            return;
+        m_source = text;
+    }
+    Q_EMIT sourceChanged();
+}
+
+QString LiveData::updatedAtText() const
+{
+    return m_updatedAt.isValid() ? m_updatedAt.toUTC().toString(Qt::ISODateWithMs) : QString();
+}
+
+QJsonObject LiveData::toJson() const
+{
+    QMutexLocker lock(&m_mutex);
+    QJsonObject fields;
+    for (auto it = m_fields.constBegin(); it != m_fields.constEnd(); ++it)
+        fields.insert(it.key(), it.value());
+    return {{QStringLiteral("sport"), m_sport},
+            {QStringLiteral("fields"), fields},
+            {QStringLiteral("source"), m_source},
+            {QStringLiteral("updated_at"), updatedAtText()}};
+}
+
+QByteArray LiveData::toJsonLine() const
+{
+    QMutexLocker lock(&m_mutex);
+    QByteArray out;
+    out.reserve(64 + m_fields.size() * 32);
+    out.append("{\"sport\":");
+    appendJsonString(out, m_sport);
+    out.append(",\"fields\":{");
+    for (auto it = m_fields.constBegin(); it != m_fields.constEnd(); ++it) {
+        if (it != m_fields.constBegin())
+            out.append(',');
+        appendJsonString(out, it.key());
+        out.append(':');
+        appendJsonString(out, it.value());
+    }
+    out.append("},\"source\":");
+    appendJsonString(out, m_source);
+    out.append(",\"updated_at\":");
+    appendJsonString(out, updatedAtText());
+    out.append("}\n");
+    return out;
+}
+
+} // namespace vantorelle
