@@ -17,7 +17,6 @@ using SaveWriter = std::function<bool(QIODevice& file, const QByteArray& data)>;
 // Replaces `path` with `data` in one step: a temporary file beside it, owner read and write only,
 // renamed over the target on success. The folder and its parents are created first.
 // Returns false (and leaves the old file) on any failure.
-bool saveFileAtomically(const QString& path, const QByteArray& data,
-                        const SaveWriter& writer = {});
+bool saveFileAtomically(const QString& path, const QByteArray& data, const SaveWriter& writer = {});
 
 } // namespace vantorelle

@@ -69,10 +69,22 @@ void SettingsStore::save() const
     saveFileAtomically(m_path, QJsonDocument(m_doc).toJson(QJsonDocument::Indented), m_writer);
 }
 
-QString SettingsStore::selectedDevice() const { return stringValue(kSelectedDevice); }
-void SettingsStore::setSelectedDevice(const QString& id) { setValue(kSelectedDevice, id); }
-bool SettingsStore::serverEnabled() const { return boolValue(kServerEnabled, false); }
-void SettingsStore::setServerEnabled(bool enabled) { setValue(kServerEnabled, enabled); }
+QString SettingsStore::selectedDevice() const
+{
+    return stringValue(kSelectedDevice);
+}
+void SettingsStore::setSelectedDevice(const QString& id)
+{
+    setValue(kSelectedDevice, id);
+}
+bool SettingsStore::serverEnabled() const
+{
+    return boolValue(kServerEnabled, false);
+}
+void SettingsStore::setServerEnabled(bool enabled)
+{
+    setValue(kServerEnabled, enabled);
+}
 
 int SettingsStore::serverPort() const
 {
@@ -84,13 +96,34 @@ int SettingsStore::serverPort() const
     return static_cast<int>(d);
 }
 
-void SettingsStore::setServerPort(int port) { setValue(kServerPort, port); }
-bool SettingsStore::serverAllowNetwork() const { return boolValue(kServerAllowNetwork, false); }
-void SettingsStore::setServerAllowNetwork(bool allow) { setValue(kServerAllowNetwork, allow); }
-bool SettingsStore::shareConnection() const { return boolValue(kShareConnection, true); }
-void SettingsStore::setShareConnection(bool share) { setValue(kShareConnection, share); }
-bool SettingsStore::autoCheckUpdates() const { return boolValue(kAutoCheckUpdates, true); }
-void SettingsStore::setAutoCheckUpdates(bool enabled) { setValue(kAutoCheckUpdates, enabled); }
+void SettingsStore::setServerPort(int port)
+{
+    setValue(kServerPort, port);
+}
+bool SettingsStore::serverAllowNetwork() const
+{
+    return boolValue(kServerAllowNetwork, false);
+}
+void SettingsStore::setServerAllowNetwork(bool allow)
+{
+    setValue(kServerAllowNetwork, allow);
+}
+bool SettingsStore::shareConnection() const
+{
+    return boolValue(kShareConnection, true);
+}
+void SettingsStore::setShareConnection(bool share)
+{
+    setValue(kShareConnection, share);
+}
+bool SettingsStore::autoCheckUpdates() const
+{
+    return boolValue(kAutoCheckUpdates, true);
+}
+void SettingsStore::setAutoCheckUpdates(bool enabled)
+{
+    setValue(kAutoCheckUpdates, enabled);
+}
 
 double SettingsStore::lastUpdateCheck() const
 {
@@ -98,9 +131,18 @@ double SettingsStore::lastUpdateCheck() const
     return v.isDouble() ? v.toDouble() : 0.0;
 }
 
-void SettingsStore::setLastUpdateCheck(double seconds) { setValue(kLastUpdateCheck, seconds); }
-QString SettingsStore::lastUsbPort() const { return stringValue(kLastUsbPort); }
-void SettingsStore::setLastUsbPort(const QString& port) { setValue(kLastUsbPort, port); }
+void SettingsStore::setLastUpdateCheck(double seconds)
+{
+    setValue(kLastUpdateCheck, seconds);
+}
+QString SettingsStore::lastUsbPort() const
+{
+    return stringValue(kLastUsbPort);
+}
+void SettingsStore::setLastUsbPort(const QString& port)
+{
+    setValue(kLastUsbPort, port);
+}
 
 QString SettingsStore::route(const QString& deviceId) const
 {
@@ -116,7 +158,8 @@ void SettingsStore::setRoute(const QString& deviceId, const QString& route)
 
 LanEntry SettingsStore::lanEntry(const QString& deviceId) const
 {
-    const QJsonObject entry = m_doc.value(QLatin1String(kLan)).toObject().value(deviceId).toObject();
+    const QJsonObject entry =
+        m_doc.value(QLatin1String(kLan)).toObject().value(deviceId).toObject();
     auto text = [&](const char* key) {
         const QJsonValue v = entry.value(QLatin1String(key));
         return v.isString() ? v.toString() : QString();
@@ -124,8 +167,8 @@ LanEntry SettingsStore::lanEntry(const QString& deviceId) const
     return {text("host"), text("token"), text("name")};
 }
 
-void SettingsStore::setLanEntry(const QString& deviceId, const QString& host,
-                                const QString& token, const QString& name)
+void SettingsStore::setLanEntry(const QString& deviceId, const QString& host, const QString& token,
+                                const QString& name)
 {
     setInner(kLan, deviceId,
              QJsonObject{{QStringLiteral("host"), host},

@@ -35,12 +35,11 @@ HostedServer::~HostedServer()
 bool HostedServer::start(quint16 port, bool allowNetwork, QString* errorText)
 {
     stop();
-    const QHostAddress address = allowNetwork ? QHostAddress(QHostAddress::Any)
-                                              : QHostAddress(QHostAddress::LocalHost);
+    const QHostAddress address =
+        allowNetwork ? QHostAddress(QHostAddress::Any) : QHostAddress(QHostAddress::LocalHost);
     if (!m_server.listen(address, port)) {
-        m_lastError = QStringLiteral("Could not listen on port %1: %2")
-                          .arg(port)
-                          .arg(m_server.errorString());
+        m_lastError =
+            QStringLiteral("Could not listen on port %1: %2").arg(port).arg(m_server.errorString());
         if (errorText)
             *errorText = m_lastError;
         return false;

@@ -11,9 +11,11 @@ namespace {
 
 // Envelope keys that describe the message, never the scoreboard.
 constexpr std::array<QLatin1StringView, 9> kMetaKeys = {
-    QLatin1StringView("type"),     QLatin1StringView("seq"),          QLatin1StringView("ts_ms"),
-    QLatin1StringView("v"),        QLatin1StringView("sport"),        QLatin1StringView("online"),
-    QLatin1StringView("device_ts_ms"), QLatin1StringView("fw_version"), QLatin1StringView("transport")};
+    QLatin1StringView("type"),         QLatin1StringView("seq"),
+    QLatin1StringView("ts_ms"),        QLatin1StringView("v"),
+    QLatin1StringView("sport"),        QLatin1StringView("online"),
+    QLatin1StringView("device_ts_ms"), QLatin1StringView("fw_version"),
+    QLatin1StringView("transport")};
 
 bool isMetaKey(const QString& key)
 {
@@ -37,13 +39,27 @@ void appendJsonString(QByteArray& out, const QString& text)
     for (const char c : text.toUtf8()) {
         const auto u = static_cast<unsigned char>(c);
         switch (c) {
-        case '"': out.append("\\\""); break;
-        case '\\': out.append("\\\\"); break;
-        case '\n': out.append("\\n"); break;
-        case '\r': out.append("\\r"); break;
-        case '\t': out.append("\\t"); break;
-        case '\b': out.append("\\b"); break;
-        case '\f': out.append("\\f"); break;
+        case '"':
+            out.append("\\\"");
+            break;
+        case '\\':
+            out.append("\\\\");
+            break;
+        case '\n':
+            out.append("\\n");
+            break;
+        case '\r':
+            out.append("\\r");
+            break;
+        case '\t':
+            out.append("\\t");
+            break;
+        case '\b':
+            out.append("\\b");
+            break;
+        case '\f':
+            out.append("\\f");
+            break;
         default:
             if (u < 0x20) {
                 out.append("\\u00");

@@ -29,14 +29,13 @@ std::mutex s_mutex;
 std::set<TextInstance*> s_instances;
 
 // The Windows text source first, FreeType as the fallback.
-constexpr std::array<const char*, 5> kTextTypes = {"text_gdiplus_v3", "text_gdiplus_v2",
-                                                   "text_gdiplus", "text_ft2_source_v2",
-                                                   "text_ft2_source"};
+constexpr std::array<const char*, 5> kTextTypes = {
+    "text_gdiplus_v3", "text_gdiplus_v2", "text_gdiplus", "text_ft2_source_v2", "text_ft2_source"};
 
 // Properties of the wrapped sources that the template replaces or that read text from files.
 constexpr std::array<const char*, 9> kRemovedProperties = {
-    "text", "from_file", "text_file", "log_mode", "log_lines",
-    "read_from_file", "file", "chatlog", "chatlog_lines"};
+    "text",           "from_file", "text_file", "log_mode",     "log_lines",
+    "read_from_file", "file",      "chatlog",   "chatlog_lines"};
 
 const char* availableTextType()
 {
@@ -136,8 +135,7 @@ obs_properties_t* textGetProperties(void* data) noexcept
             props, "template", obs_module_text("TextTemplate"), OBS_TEXT_MULTILINE);
 
         const char* hintFormat = nullptr;
-        if (obs_module_get_string("TextTemplateHint", &hintFormat) && hintFormat &&
-            *hintFormat) {
+        if (obs_module_get_string("TextTemplateHint", &hintFormat) && hintFormat && *hintFormat) {
             const QByteArray hint = QString::fromUtf8(hintFormat).arg(fieldList()).toUtf8();
             obs_property_set_long_description(templ, hint.constData());
             obs_properties_add_text(props, "hint", hint.constData(), OBS_TEXT_INFO);

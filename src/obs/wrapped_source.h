@@ -21,8 +21,7 @@ uint32_t wrappedHeight(void* data) noexcept;
 
 // Runs `fn` for a libobs callback: nothing may be thrown back into OBS, so any exception is
 // logged with the callback's name and a value-initialised result is returned instead.
-template <typename Fn>
-auto guardCallback(const char* name, Fn&& fn) noexcept -> decltype(fn())
+template <typename Fn> auto guardCallback(const char* name, Fn&& fn) noexcept -> decltype(fn())
 {
     try {
         return fn();

@@ -45,9 +45,9 @@ void Dock::showServerState()
     if (!server) {
         m_server->clear();
     } else if (server->isListening()) {
-        m_server->setText(tr("Sharing server on port %1, %n client(s)", nullptr,
-                             server->clientCount())
-                              .arg(server->serverPort()));
+        m_server->setText(
+            tr("Sharing server on port %1, %n client(s)", nullptr, server->clientCount())
+                .arg(server->serverPort()));
     } else if (!server->lastError().isEmpty()) {
         m_server->setText(server->lastError());
     } else {
