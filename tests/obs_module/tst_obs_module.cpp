@@ -8,6 +8,7 @@
 
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QTcpServer>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -73,6 +74,7 @@ private Q_SLOTS:
     void unchangedTextLeavesInnerAlone();
     void sharingServerAnswersOperations();
     void noTextSourceLogsError();
+    void takenPortLogsWarning();
     void unloadClosesServerBeforeItsLine();
 
 private:
@@ -83,6 +85,8 @@ private:
     QTemporaryDir m_config;
     quint16 m_serverPort = 0;
     bool m_withText = true;
+    bool m_portTaken = false;
+    QTcpServer m_squatter;
     OBSSourceAutoRelease m_score;
     obs_source_t* m_inner = nullptr;
 };
@@ -91,7 +95,10 @@ void TestObsModule::initTestCase()
 {
     m_withText = qEnvironmentVariableIsEmpty("VANTORELLE_HARNESS_WITHOUT_TEXT");
     QVERIFY(m_config.isValid());
+    m_portTaken = !qEnvironmentVariableIsEmpty("VANTORELLE_HARNESS_PORT_TAKEN");
     m_serverPort = freePort();
+    if (m_portTaken)
+        QVERIFY(m_squatter.listen(QHostAddress::LocalHost, m_serverPort));
     const QJsonObject settings{{"server_enabled", true}, {"server_port", m_serverPort}};
     QVERIFY(QDir().mkpath(m_config.filePath("vantorelle-obs")));
     writeFile(m_config.filePath("vantorelle-obs/settings.json"), QJsonDocument(settings).toJson());
@@ -272,8 +279,18 @@ void TestObsModule::noTextSourceLogsError()
     QVERIFY(m_obs.logContains("[vantorelle] no OBS text source is available on this system"));
 }
 
+void TestObsModule::takenPortLogsWarning()
+{
+    if (!m_portTaken)
+        QSKIP("runs in the host whose sharing-server port is taken (obs_module_port_taken)");
+    QVERIFY(m_obs.logContains(
+        QStringLiteral("[vantorelle] Could not listen on port %1: ").arg(m_serverPort)));
+}
+
 void TestObsModule::unloadClosesServerBeforeItsLine()
 {
+    if (m_portTaken)
+        QSKIP("the plug-in's server never listened");
     LineClient client;
     QVERIFY(client.connectTo("127.0.0.1", m_serverPort));
     QVERIFY(!client.readLine().isEmpty());
