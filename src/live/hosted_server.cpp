@@ -10,9 +10,15 @@ namespace vantorelle {
 
 namespace {
 
-QJsonObject failure(const char* error)
+QByteArray message(const QJsonObject& object)
 {
-    return {{QStringLiteral("ok"), false}, {QStringLiteral("error"), QLatin1String(error)}};
+    return QJsonDocument(object).toJson(QJsonDocument::Compact) + '\n';
+}
+
+QByteArray failure(const char* error)
+{
+    return message(
+        {{QStringLiteral("ok"), false}, {QStringLiteral("error"), QLatin1String(error)}});
 }
 
 } // namespace
@@ -69,17 +75,16 @@ void HostedServer::acceptConnections()
         m_buffers.insert(client, {});
         connect(client, &QTcpSocket::readyRead, this, [this, client] { receive(client); });
         connect(client, &QTcpSocket::disconnected, this, [this, client] { dropClient(client); });
-        if (m_live)
-            client->write(m_live->toJsonLine());
+        client->write(snapshotLine());
         Q_EMIT clientsChanged(clientCount());
     }
 }
 
 void HostedServer::broadcast()
 {
-    if (m_clients.isEmpty() || !m_live)
+    if (m_clients.isEmpty())
         return;
-    const QByteArray line = m_live->toJsonLine();
+    const QByteArray line = snapshotLine();
     for (QTcpSocket* client : std::as_const(m_clients))
         client->write(line);
 }
@@ -96,15 +101,17 @@ void HostedServer::receive(QTcpSocket* client)
         return;
     }
     qsizetype end;
+    const Snapshot snapshot = [this] { return snapshotLine(); };
     while ((end = buffer->indexOf('\n')) >= 0) {
-        const QByteArray line = buffer->left(end).trimmed();
+        const QByteArray line = buffer->left(end);
         buffer->remove(0, end + 1);
-        if (!line.isEmpty())
-            handleLine(client, line);
+        const QByteArray reply = replyTo(line, snapshot, m_handler);
         // A handler may have stopped the server, which drops every client and its buffer.
         buffer = m_buffers.find(client);
         if (buffer == m_buffers.end())
             return;
+        if (!reply.isEmpty())
+            client->write(reply);
     }
 }
 
@@ -117,8 +124,19 @@ void HostedServer::dropClient(QTcpSocket* client)
     Q_EMIT clientsChanged(clientCount());
 }
 
-void HostedServer::handleLine(QTcpSocket* client, const QByteArray& line)
+QByteArray HostedServer::snapshotLine() const
 {
+    if (m_snapshot)
+        return m_snapshot();
+    return m_live ? m_live->toJsonLine() : QByteArray();
+}
+
+QByteArray HostedServer::replyTo(const QByteArray& rawLine, const Snapshot& snapshot,
+                                 const Handler& handler)
+{
+    const QByteArray line = rawLine.trimmed();
+    if (line.isEmpty())
+        return {};
     QString op;
     QJsonObject request;
     if (!line.startsWith('{')) {
@@ -126,33 +144,21 @@ void HostedServer::handleLine(QTcpSocket* client, const QByteArray& line)
     } else {
         QJsonParseError error;
         const QJsonDocument doc = QJsonDocument::fromJson(line, &error);
-        if (error.error != QJsonParseError::NoError || !doc.isObject()) {
-            send(client, failure("invalid_json"));
-            return;
-        }
+        if (error.error != QJsonParseError::NoError || !doc.isObject())
+            return failure("invalid_json");
         request = doc.object();
         op = request.value(QLatin1String("op")).toString();
     }
 
-    if (op == QLatin1String("get")) {
-        if (m_live)
-            client->write(m_live->toJsonLine());
-        return;
-    }
-    if (!m_handler) {
-        send(client, failure("unavailable"));
-        return;
-    }
-    QJsonObject reply = m_handler(op, request);
+    if (op == QLatin1String("get"))
+        return snapshot ? snapshot() : QByteArray();
+    if (!handler)
+        return failure("unavailable");
+    QJsonObject reply = handler(op, request);
     if (!reply.contains(QLatin1String("ok")))
         reply.insert(QStringLiteral("ok"), true);
     reply.insert(QStringLiteral("op"), op);
-    send(client, reply);
-}
-
-void HostedServer::send(QTcpSocket* client, const QJsonObject& reply)
-{
-    client->write(QJsonDocument(reply).toJson(QJsonDocument::Compact) + '\n');
+    return message(reply);
 }
 
 } // namespace vantorelle

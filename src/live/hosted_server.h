@@ -26,6 +26,8 @@ class HostedServer : public QObject
 public:
     // Answers one operation: name and the whole request object in, reply object out.
     using Handler = std::function<QJsonObject(const QString& op, const QJsonObject& request)>;
+    // Builds the snapshot message (one compact JSON object ending in "\n").
+    using Snapshot = std::function<QByteArray()>;
 
     // Pending bytes a client may have without a line end before it is dropped.
     static constexpr qsizetype MaxPendingBytes = 65536;
@@ -37,6 +39,8 @@ public:
     void stop();
     void broadcast();
     void setHandler(Handler handler) { m_handler = std::move(handler); }
+    // Replaces how the snapshot is built; by default it is the live data's own snapshot line.
+    void setSnapshot(Snapshot snapshot) { m_snapshot = std::move(snapshot); }
 
     int clientCount() const { return int(m_clients.size()); }
     bool isListening() const { return m_server.isListening(); }
@@ -45,6 +49,11 @@ public:
     // The sentence of the last failed start; empty after a successful one.
     QString lastError() const { return m_lastError; }
 
+    // What the server answers to one received line (without its "\n"): the reply message, or
+    // an empty array when the line gets no reply. The snapshot is built only for "get".
+    static QByteArray replyTo(const QByteArray& line, const Snapshot& snapshot,
+                              const Handler& handler);
+
 Q_SIGNALS:
     void clientsChanged(int count);
 
@@ -52,14 +61,14 @@ private:
     void acceptConnections();
     void receive(QTcpSocket* client);
     void dropClient(QTcpSocket* client);
-    void handleLine(QTcpSocket* client, const QByteArray& line);
-    void send(QTcpSocket* client, const QJsonObject& reply);
+    QByteArray snapshotLine() const;
 
     QPointer<LiveData> m_live;
     QTcpServer m_server;
     QList<QTcpSocket*> m_clients;
     QHash<QTcpSocket*, QByteArray> m_buffers;
     Handler m_handler;
+    Snapshot m_snapshot;
     QString m_lastError;
 };
 

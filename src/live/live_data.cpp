@@ -32,44 +32,59 @@ bool isAcceptedType(const QString& type)
            type == QLatin1String("auth_ok");
 }
 
-void appendJsonString(QByteArray& out, const QString& text)
+void appendEscaped(QByteArray& out, char16_t c)
 {
     static const char hex[] = "0123456789abcdef";
-    out.append('"');
-    for (const char c : text.toUtf8()) {
-        const auto u = static_cast<unsigned char>(c);
-        switch (c) {
-        case '"':
-            out.append("\\\"");
-            break;
-        case '\\':
-            out.append("\\\\");
-            break;
-        case '\n':
-            out.append("\\n");
-            break;
-        case '\r':
-            out.append("\\r");
-            break;
-        case '\t':
-            out.append("\\t");
-            break;
-        case '\b':
-            out.append("\\b");
-            break;
-        case '\f':
-            out.append("\\f");
-            break;
-        default:
-            if (u < 0x20) {
-                out.append("\\u00");
-                out.append(hex[u >> 4]);
-                out.append(hex[u & 0xf]);
-            } else {
-                out.append(c);
-            }
-        }
+    switch (c) {
+    case u'"':
+        out.append("\\\"");
+        return;
+    case u'\\':
+        out.append("\\\\");
+        return;
+    case u'\n':
+        out.append("\\n");
+        return;
+    case u'\r':
+        out.append("\\r");
+        return;
+    case u'\t':
+        out.append("\\t");
+        return;
+    case u'\b':
+        out.append("\\b");
+        return;
+    case u'\f':
+        out.append("\\f");
+        return;
+    default:
+        out.append("\\u");
+        for (int shift = 12; shift >= 0; shift -= 4)
+            out.append(hex[(c >> shift) & 0xf]);
     }
+}
+
+// Writes `text` as a JSON string. Runs of plain characters go out as UTF-8 in one piece; quotes,
+// backslashes, control characters and lone surrogates (which UTF-8 cannot carry) are escaped,
+// so the line reads back as exactly the text that was stored.
+void appendJsonString(QByteArray& out, QStringView text)
+{
+    out.append('"');
+    qsizetype run = 0;
+    for (qsizetype i = 0; i < text.size(); ++i) {
+        const char16_t c = text[i].unicode();
+        if (QChar::isHighSurrogate(c) && i + 1 < text.size() &&
+            QChar::isLowSurrogate(text[i + 1].unicode())) {
+            ++i;
+            continue;
+        }
+        if (c >= 0x20 && c != u'"' && c != u'\\' && !QChar::isSurrogate(c))
+            continue;
+        out.append(text.mid(run, i - run).toUtf8());
+        appendEscaped(out, c);
+        run = i + 1;
+    }
+    out.append(text.mid(run).toUtf8());
     out.append('"');
 }
 
