@@ -1,0 +1,7 @@
+#include "rpc_transport.h"
+
+namespace vantorelle {
+
+RpcTransport::~RpcTransport() = default;
+
+} // namespace vantorelle

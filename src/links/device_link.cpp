@@ -1,0 +1,7 @@
+#include "device_link.h"
+
+namespace vantorelle {
+
+DeviceLink::~DeviceLink() = default;
+
+} // namespace vantorelle
