@@ -1,0 +1,43 @@
+#pragma once
+
+#include "core/version.h"
+#include "update/update_platform.h"
+
+#include <QString>
+
+#include <functional>
+
+namespace vantorelle {
+
+using PathPredicate = std::function<bool(const QString& path)>;
+
+// Everything the updater needs to know about this build and this installation.
+struct UpdaterConfig
+{
+    static constexpr int DefaultRequestTimeoutMs = 15000;
+    static constexpr int DefaultArchiveTimeoutMs = 120000;
+
+    // Transfer time-out of the manifest request; the package download gets twice as long.
+    int requestTimeoutMs = DefaultRequestTimeoutMs;
+    QString manifestUrl = QStringLiteral(VANTORELLE_UPDATE_URL);
+    QString currentVersion = pluginVersion();
+    QString platformKey = platformPackageKey();
+    // Shown when this copy cannot update itself; may be empty.
+    QString downloadPage = QStringLiteral(VANTORELLE_DOWNLOAD_PAGE);
+    // The running OBS version; empty when unknown (the "min_obs" test is then skipped).
+    QString obsVersion;
+    // Working folder: "package.zip", the unpack folder "extracted" and the backup "previous".
+    QString stagingFolder;
+    // The plug-in root, holding the module at `moduleRelativePath`.
+    QString installFolder;
+    QString moduleRelativePath = defaultModuleRelativePath();
+    QString archiveTool = defaultArchiveTool();
+    // The archive tool is killed after this long and the package counts as not unpackable.
+    int archiveTimeoutMs = DefaultArchiveTimeoutMs;
+    PathPredicate isWritable = isWritablePath;
+    // Files held open by a running program: they can be moved aside but neither removed nor
+    // overwritten, and a folder holding one cannot be renamed. Empty: the file system decides.
+    PathPredicate isBusy;
+};
+
+} // namespace vantorelle

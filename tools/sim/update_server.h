@@ -1,0 +1,54 @@
+#pragma once
+
+#include "sim/http_server.h"
+
+#include <QByteArray>
+#include <QJsonObject>
+#include <QObject>
+#include <QString>
+#include <QUrl>
+
+namespace vantorelle::sim {
+
+// The maker's update service on 127.0.0.1: one manifest at "/manifest.json" and package files
+// under "/packages/".
+class UpdateServer : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit UpdateServer(QObject* parent = nullptr);
+
+    // Listens on 127.0.0.1 with a port of the system's choice.
+    bool start();
+
+    QUrl manifestUrl() const { return m_http.url(QStringLiteral("/manifest.json")); }
+    QUrl packageUrl(const QString& name) const;
+
+    // Serves this manifest from now on.
+    void setManifest(const QJsonObject& manifest);
+    // Serves the manifest route with any response (broken bodies, errors, delivery faults).
+    void setManifestResponse(const HttpResponse& response);
+    // Serves `bytes` at packageUrl(name).
+    void setPackage(const QString& name, const QByteArray& bytes);
+    // Serves the package route with any response.
+    void setPackageResponse(const QString& name, const HttpResponse& response);
+
+    // Publishes `bytes` as version `version` for `platformKey`, with their true size and SHA-256,
+    // and returns the manifest it now serves (for a test to adjust and set again).
+    QJsonObject publish(const QString& version, const QString& platformKey, const QByteArray& bytes,
+                        const QString& name = QStringLiteral("package.zip"));
+
+    // A manifest describing `bytes` at `url`.
+    static QJsonObject manifestFor(const QString& version, const QString& platformKey,
+                                   const QUrl& url, const QByteArray& bytes);
+
+    int manifestRequests() const;
+    int packageRequests(const QString& name) const;
+    HttpServer& http() { return m_http; }
+
+private:
+    HttpServer m_http;
+};
+
+} // namespace vantorelle::sim
