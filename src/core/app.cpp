@@ -4,6 +4,7 @@
 
 #include <obs-module.h>
 
+#include <QDateTime>
 #include <QJsonArray>
 
 #include <atomic>
@@ -32,9 +33,9 @@ void App::setInstance(App* app)
     s_instance.store(app, std::memory_order_release);
 }
 
-App::App(const QString& settingsPath, QObject* parent) : QObject(parent)
+App::App(const AppEnvironment& environment, QObject* parent) : QObject(parent)
 {
-    m_settings.load(settingsPath);
+    m_settings.load(environment.settingsFile);
 
     m_server = new HostedServer(&m_live, this);
     m_server->setHandler([this](const QString& op, const QJsonObject& request) {
@@ -44,6 +45,53 @@ App::App(const QString& settingsPath, QObject* parent) : QObject(parent)
     connect(m_server, &HostedServer::clientsChanged, this, &App::serverStateChanged);
 
     applyServerSettings();
+    configureUpdater(environment);
+}
+
+void App::configureUpdater(const AppEnvironment& environment)
+{
+    UpdaterConfig config;
+    const QString manifestOverride = qEnvironmentVariable("VANTORELLE_UPDATE_URL");
+    if (!manifestOverride.isEmpty())
+        config.manifestUrl = manifestOverride;
+    config.obsVersion = environment.obsVersion;
+    config.stagingFolder = environment.updateFolder;
+    config.installFolder = environment.pluginRoot;
+    m_updater.setConfig(config);
+    // Files an earlier update could not replace while OBS held them.
+    if (!environment.pluginRoot.isEmpty())
+        PluginUpdater::removeOldFiles(environment.pluginRoot);
+
+    connect(&m_updater, &PluginUpdater::stateChanged, this, &App::onUpdaterStateChanged);
+
+    m_firstUpdateCheck.setSingleShot(true);
+    m_firstUpdateCheck.setInterval(environment.firstUpdateCheckMs);
+    m_dailyUpdateCheck.setInterval(environment.updateCheckIntervalMs);
+    connect(&m_firstUpdateCheck, &QTimer::timeout, this, &App::automaticUpdateCheck);
+    connect(&m_dailyUpdateCheck, &QTimer::timeout, this, &App::automaticUpdateCheck);
+    m_firstUpdateCheck.start();
+    m_dailyUpdateCheck.start();
+}
+
+void App::onUpdaterStateChanged()
+{
+    // The signal also fires for new texts in the same state (download progress): act on entry.
+    const PluginUpdater::State state = m_updater.state();
+    if (state == m_updaterState)
+        return;
+    m_updaterState = state;
+    if (state == PluginUpdater::UpToDate || state == PluginUpdater::Available) {
+        m_settings.setLastUpdateCheck(double(QDateTime::currentSecsSinceEpoch()));
+    } else if (state == PluginUpdater::Installed) {
+        blog(LOG_INFO, "[vantorelle] plugin %s installed; takes effect on the next OBS start",
+             m_updater.manifest().version.toUtf8().constData());
+    }
+}
+
+void App::automaticUpdateCheck()
+{
+    if (m_settings.autoCheckUpdates())
+        m_updater.check(false);
 }
 
 App::~App()

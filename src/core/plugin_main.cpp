@@ -9,6 +9,7 @@
 #include <obs-module.h>
 
 #include <QApplication>
+#include <QDir>
 #include <QJsonDocument>
 #include <QPointer>
 
@@ -21,12 +22,26 @@ constexpr const char* kDockId = "vantorelle-dock";
 
 QPointer<QWidget> s_dock;
 
-QString configPath(const char* file)
+// Takes a string libobs allocated for us.
+QString takeObsString(char* text)
 {
-    char* path = obs_module_config_path(file);
-    const QString result = path ? QString::fromUtf8(path) : QString();
-    bfree(path);
+    const QString result = text ? QString::fromUtf8(text) : QString();
+    bfree(text);
     return result;
+}
+
+vantorelle::AppEnvironment appEnvironment()
+{
+    vantorelle::AppEnvironment env;
+    env.settingsFile = takeObsString(obs_module_config_path("settings.json"));
+    env.updateFolder = takeObsString(obs_module_config_path("update"));
+    // The module's data folder sits directly under the plug-in root.
+    const QString data = takeObsString(obs_find_module_file(obs_current_module(), ""));
+    if (!data.isEmpty())
+        env.pluginRoot = QDir(data).absoluteFilePath(QStringLiteral(".."));
+    env.pluginRoot = QDir::cleanPath(env.pluginRoot);
+    env.obsVersion = QString::fromUtf8(obs_get_version_string());
+    return env;
 }
 
 // Procedures for scripts and other plug-ins: push an envelope into the live data, read the
@@ -89,7 +104,7 @@ bool obs_module_load(void)
          vantorelle::pluginVersion().toUtf8().constData());
 
     if (!vantorelle::App::instance())
-        vantorelle::App::setInstance(new vantorelle::App(configPath("settings.json")));
+        vantorelle::App::setInstance(new vantorelle::App(appEnvironment()));
     vantorelle::App* app = vantorelle::App::instance();
 
     vantorelle::registerTextSource();

@@ -2,6 +2,8 @@
 
 #include <obs-nix-platform.h>
 
+#include <QDir>
+
 #include <X11/Xlib.h>
 
 #include <cstdarg>
@@ -70,6 +72,11 @@ bool ObsHarness::loadPlugin()
 {
     return openModule(QStringLiteral(VANTORELLE_MODULE_FILE),
                       QStringLiteral(VANTORELLE_MODULE_DATA), &m_plugin);
+}
+
+QString ObsHarness::pluginRoot()
+{
+    return QDir::cleanPath(QStringLiteral(VANTORELLE_MODULE_DATA "/.."));
 }
 
 void ObsHarness::shutdown()

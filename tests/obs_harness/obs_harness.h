@@ -25,6 +25,8 @@ public:
     void shutdown();
 
     obs_module_t* plugin() const { return m_plugin; }
+    // The staged plug-in root the module is loaded from (holds "bin" and "data").
+    static QString pluginRoot();
     QStringList logLines() const;
     bool logContains(const QString& text) const;
     // Called with every log line as it is written, on the thread that writes it.

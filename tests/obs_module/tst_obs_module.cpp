@@ -68,6 +68,7 @@ class TestObsModule : public QObject
 private Q_SLOTS:
     void initTestCase();
     void exportsAndLoadLine();
+    void leftoversOfAnUpdateAreRemoved();
     void textSourceRegistered();
     void propertiesReplaceTextWithTemplate();
     void rendersTemplateAfterEnvelope();
@@ -86,6 +87,7 @@ private:
     quint16 m_serverPort = 0;
     bool m_withText = true;
     bool m_portTaken = false;
+    QStringList m_leftovers;
     QTcpServer m_squatter;
     OBSSourceAutoRelease m_score;
     obs_source_t* m_inner = nullptr;
@@ -102,6 +104,12 @@ void TestObsModule::initTestCase()
     const QJsonObject settings{{"server_enabled", true}, {"server_port", m_serverPort}};
     QVERIFY(QDir().mkpath(m_config.filePath("vantorelle-obs")));
     writeFile(m_config.filePath("vantorelle-obs/settings.json"), QJsonDocument(settings).toJson());
+
+    // Files an earlier self-update moved aside; loading the plug-in deletes them.
+    m_leftovers = {ObsHarness::pluginRoot() + "/bin/64bit/vantorelle-obs.so.old",
+                   ObsHarness::pluginRoot() + "/data/locale/en-US.ini.old"};
+    for (const QString& file : std::as_const(m_leftovers))
+        writeFile(file, "left by an update");
 
     QVERIFY2(m_obs.start(m_config.path()), "libobs did not start (is there an X display?)");
     if (m_withText)
@@ -143,6 +151,13 @@ void TestObsModule::exportsAndLoadLine()
         QString::fromUtf8(obs_get_module_description(m_obs.plugin())),
         QStringLiteral("Live Vantorelle scoreboard data, graphics and device setup inside OBS."));
     QVERIFY(m_obs.logContains("[vantorelle] loading plugin 1.0.1"));
+}
+
+void TestObsModule::leftoversOfAnUpdateAreRemoved()
+{
+    for (const QString& file : std::as_const(m_leftovers))
+        QVERIFY2(!QFile::exists(file), qPrintable(file));
+    QVERIFY(QFile::exists(ObsHarness::pluginRoot() + "/bin/64bit/vantorelle-obs.so"));
 }
 
 void TestObsModule::textSourceRegistered()
