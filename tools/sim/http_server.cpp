@@ -2,6 +2,7 @@
 
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QSslServer>
 #include <QTcpSocket>
 #include <QTimer>
 
@@ -197,7 +198,7 @@ HttpResponse& HttpResponse::withHeader(const QByteArray& name, const QByteArray&
 
 HttpServer::HttpServer(QObject* parent) : QObject(parent)
 {
-    connect(&m_server, &QTcpServer::newConnection, this, &HttpServer::accept);
+    connect(&m_server, &QTcpServer::newConnection, this, [this] { accept(m_server); });
 }
 
 HttpServer::~HttpServer()
@@ -210,9 +211,31 @@ bool HttpServer::listen(const QHostAddress& address, quint16 port)
     return m_server.listen(address, port);
 }
 
+bool HttpServer::listenTls(const QSslCertificate& certificate, const QSslKey& key,
+                           const QHostAddress& address, quint16 port)
+{
+    QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
+    tls.setLocalCertificate(certificate);
+    tls.setPrivateKey(key);
+    tls.setPeerVerifyMode(QSslSocket::VerifyNone);
+    m_tlsServer = std::make_unique<QSslServer>();
+    m_tlsServer->setSslConfiguration(tls);
+    // A TLS connection is handed over only once its handshake has finished.
+    connect(m_tlsServer.get(), &QTcpServer::pendingConnectionAvailable, this,
+            [this] { accept(*m_tlsServer); });
+    return m_tlsServer->listen(address, port);
+}
+
+quint16 HttpServer::port() const
+{
+    return m_tlsServer ? m_tlsServer->serverPort() : m_server.serverPort();
+}
+
 void HttpServer::close()
 {
     m_server.close();
+    if (m_tlsServer)
+        m_tlsServer->close();
     const QList<QTcpSocket*> sockets = m_connections.keys();
     for (QTcpSocket* socket : sockets) {
         socket->disconnect(this);
@@ -223,7 +246,8 @@ void HttpServer::close()
 
 QUrl HttpServer::url(const QString& path) const
 {
-    return QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(port()).arg(path));
+    const QString scheme = m_tlsServer ? QStringLiteral("https") : QStringLiteral("http");
+    return QUrl(QStringLiteral("%1://127.0.0.1:%2%3").arg(scheme).arg(port()).arg(path));
 }
 
 void HttpServer::route(const QByteArray& method, const QString& path, Handler handler)
@@ -243,12 +267,15 @@ int HttpServer::requestCount(const QByteArray& method, const QString& path) cons
     }));
 }
 
-void HttpServer::accept()
+void HttpServer::accept(QTcpServer& server)
 {
-    while (QTcpSocket* socket = m_server.nextPendingConnection()) {
+    while (QTcpSocket* socket = server.nextPendingConnection()) {
         m_connections.insert(socket, new Connection{socket, {}, false});
         connect(socket, &QTcpSocket::readyRead, this, [this, socket] { readFrom(socket); });
         connect(socket, &QTcpSocket::disconnected, this, [this, socket] { drop(socket); });
+        // A TLS client may have sent its request along with the end of the handshake.
+        if (socket->bytesAvailable() > 0)
+            readFrom(socket);
     }
 }
 

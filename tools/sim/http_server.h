@@ -11,9 +11,13 @@
 #include <QUrlQuery>
 
 #include <functional>
+#include <memory>
 #include <utility>
 
 class QJsonObject;
+class QSslCertificate;
+class QSslKey;
+class QSslServer;
 class QTcpSocket;
 
 namespace vantorelle::sim {
@@ -77,9 +81,13 @@ public:
 
     bool listen(const QHostAddress& address = QHostAddress(QHostAddress::LocalHost),
                 quint16 port = 0);
+    // Serves over TLS instead, presenting `certificate` with `key`; url() then says "https".
+    bool listenTls(const QSslCertificate& certificate, const QSslKey& key,
+                   const QHostAddress& address = QHostAddress(QHostAddress::LocalHost),
+                   quint16 port = 0);
     void close();
-    quint16 port() const { return m_server.serverPort(); }
-    // "http://127.0.0.1:<port>" followed by `path`.
+    quint16 port() const;
+    // "http://127.0.0.1:<port>" (or "https://...") followed by `path`.
     QUrl url(const QString& path = QStringLiteral("/")) const;
 
     // Answers `method` on `path` (exact match). A later route for the same pair replaces it.
@@ -97,7 +105,7 @@ Q_SIGNALS:
 private:
     struct Connection;
 
-    void accept();
+    void accept(QTcpServer& server);
     void readFrom(QTcpSocket* socket);
     void serveNext(Connection& connection);
     HttpResponse answer(const HttpRequest& request) const;
@@ -108,7 +116,8 @@ private:
     void drop(QTcpSocket* socket);
 
     QTcpServer m_server;
-    QHash<QString, Handler> m_routes; // key: "METHOD path"
+    std::unique_ptr<QSslServer> m_tlsServer; // only while serving over TLS
+    QHash<QString, Handler> m_routes;        // key: "METHOD path"
     Handler m_fallback;
     QHash<QTcpSocket*, Connection*> m_connections;
     QList<HttpRequest> m_requests;
