@@ -36,6 +36,8 @@ public:
               int timeoutMs = kDefaultTimeoutMs);
     // Fails the request in flight and every queued one, in order, with the given failure.
     void cancelAll(const QString& code, const QString& message);
+    // Nothing in flight and nothing queued (a request waiting for its busy retry is queued).
+    bool isIdle() const { return !m_inFlight && m_queue.empty(); }
 
     // The wait after a busy reply before the request is sent again.
     void setBusyRetryDelay(int ms) { m_busyRetry.setInterval(ms); }
