@@ -1,5 +1,6 @@
 #pragma once
 
+#include "controller_catalogue.h"
 #include "rpc_client.h"
 
 #include <QJsonObject>
@@ -35,15 +36,6 @@ struct WifiNetwork
     QString ssid;
     QJsonValue auth; // as the device names the authentication
     int rssi = 0;    // dBm
-};
-
-// One scoreboard controller the device can read.
-struct ControllerChoice
-{
-    QString manufacturer;
-    QString model;
-    QString sport;
-    QString input_type;
 };
 
 // The device's ESP-NOW link to a wireless receiver.

@@ -443,8 +443,8 @@ private Q_SLOTS:
         QTest::newRow("getControllerList") << "getControllerList" << none;
         QTest::newRow("getControllerConfig") << "getControllerConfig" << none;
         QTest::newRow("setControllerConfig") << "setControllerConfig"
-                                             << QJsonObject{{"manufacturer", "NEVCO"},
-                                                            {"model", "MPCX"},
+                                             << QJsonObject{{"manufacturer", "Northgate"},
+                                                            {"model", "MPX"},
                                                             {"sport", "basketball"},
                                                             {"input_type", "rs485"}};
         QTest::newRow("scanWifi") << "scanWifi" << none;

@@ -1,5 +1,6 @@
 #include "sim/admin_responder.h"
 
+#include "admin/controller_catalogue.h"
 #include "sim/game.h"
 
 #include <QJsonDocument>
@@ -19,13 +20,12 @@ QString text(const char* latin1)
     return QString::fromLatin1(latin1);
 }
 
-QJsonObject controllerEntry(const char* manufacturer, const char* model, const char* sport,
-                            const char* input)
+QJsonObject controllerEntry(const ControllerChoice& choice)
 {
-    return {{QStringLiteral("manufacturer"), text(manufacturer)},
-            {QStringLiteral("model"), text(model)},
-            {QStringLiteral("sport"), text(sport)},
-            {QStringLiteral("input_type"), text(input)}};
+    return {{QStringLiteral("manufacturer"), choice.manufacturer},
+            {QStringLiteral("model"), choice.model},
+            {QStringLiteral("sport"), choice.sport},
+            {QStringLiteral("input_type"), choice.input_type}};
 }
 
 QJsonObject status(const char* word)
@@ -492,16 +492,11 @@ AdminResponder::Answer AdminResponder::setEspNow(const QJsonObject& params)
 
 QJsonArray AdminResponder::controllerCatalogue()
 {
-    return {
-        controllerEntry("Daktronics", "All Sport 5000", "hockey", "rs232"),
-        controllerEntry("Daktronics", "All Sport 5000", "basketball", "rs232"),
-        controllerEntry("NEVCO", "MPCX", "basketball", "rs485"),
-        controllerEntry("Varsity / Sportable", "2600", "hockey", "current_loop"),
-        controllerEntry("Fair-Play", "MP-70", "basketball", "rs232"),
-        controllerEntry("All-American", "Touch 4", "hockey", "rs232"),
-        controllerEntry("Electromech", "LX Series", "basketball", "rs485"),
-        controllerEntry("Vantorelle", "Wireless Bridge", "hockey", "wireless"),
-    };
+    // The device supports what the plug-in offers.
+    QJsonArray entries;
+    for (const ControllerChoice& choice : vantorelle::controllerCatalogue())
+        entries.append(controllerEntry(choice));
+    return entries;
 }
 
 QJsonArray AdminResponder::wifiNetworks()

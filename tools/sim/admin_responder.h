@@ -1,5 +1,7 @@
 #pragma once
 
+#include "sim/game.h"
+
 #include <QHash>
 #include <QJsonArray>
 #include <QJsonObject>
@@ -8,8 +10,6 @@
 #include <QString>
 
 namespace vantorelle::sim {
-
-class Game;
 
 // The device's side of the admin request protocol (Parts 5.1, 5.3): takes a request document
 // {"id","method","params"} and returns the reply {"id","ok","result"} or {"id","ok":false,
