@@ -1,13 +1,18 @@
 #include "app.h"
 
+#include "core/log.h"
+#include "links/cloud_relay.h"
+#include "links/usb_link.h"
 #include "live/hosted_server.h"
-
-#include <obs-module.h>
+#include "live/source_manager.h"
 
 #include <QDateTime>
+#include <QEventLoop>
 #include <QJsonArray>
 
 #include <atomic>
+#include <memory>
+#include <optional>
 
 namespace vantorelle {
 
@@ -19,6 +24,14 @@ QString deviceLabel(const DeviceEntry& device)
 {
     return device.name.isEmpty() ? device.id
                                  : QStringLiteral("%1 (%2)").arg(device.name, device.id);
+}
+
+QString portalAddress(const AppEnvironment& environment)
+{
+    if (!environment.portalUrl.isEmpty())
+        return environment.portalUrl;
+    const QString fromEnvironment = qEnvironmentVariable("VANTORELLE_PORTAL_URL");
+    return fromEnvironment.isEmpty() ? QStringLiteral(VANTORELLE_PORTAL_URL) : fromEnvironment;
 }
 
 } // namespace
@@ -33,9 +46,14 @@ void App::setInstance(App* app)
     s_instance.store(app, std::memory_order_release);
 }
 
-App::App(const AppEnvironment& environment, QObject* parent) : QObject(parent)
+App::App(const AppEnvironment& environment, QObject* parent)
+    : QObject(parent), m_portal(portalAddress(environment))
 {
     m_settings.load(environment.settingsFile);
+    m_portal.jar()->setPath(environment.sessionFile);
+    m_portal.jar()->load();
+
+    m_sourceManager = new SourceManager(&m_portal, &m_live, {}, this);
 
     m_server = new HostedServer(&m_live, this);
     m_server->setHandler([this](const QString& op, const QJsonObject& request) {
@@ -44,8 +62,18 @@ App::App(const AppEnvironment& environment, QObject* parent) : QObject(parent)
     connect(&m_live, &LiveData::changed, m_server, &HostedServer::broadcast);
     connect(m_server, &HostedServer::clientsChanged, this, &App::serverStateChanged);
 
+    connect(&m_portal, &PortalClient::signedInChanged, this, &App::onSignedInChanged);
+
     applyServerSettings();
     configureUpdater(environment);
+    startLocalDevice();
+    restoreSignIn();
+}
+
+App::~App()
+{
+    // Clients are told at once, before the rest of the plug-in goes away.
+    m_server->stop();
 }
 
 void App::configureUpdater(const AppEnvironment& environment)
@@ -83,8 +111,10 @@ void App::onUpdaterStateChanged()
     if (state == PluginUpdater::UpToDate || state == PluginUpdater::Available) {
         m_settings.setLastUpdateCheck(double(QDateTime::currentSecsSinceEpoch()));
     } else if (state == PluginUpdater::Installed) {
-        blog(LOG_INFO, "[vantorelle] plugin %s installed; takes effect on the next OBS start",
-             m_updater.manifest().version.toUtf8().constData());
+        logLine(
+            LogLevel::Info,
+            QStringLiteral("[vantorelle] plugin %1 installed; takes effect on the next OBS start")
+                .arg(m_updater.manifest().version));
     }
 }
 
@@ -94,15 +124,153 @@ void App::automaticUpdateCheck()
         m_updater.check(false);
 }
 
-App::~App()
+void App::restoreSignIn()
 {
-    // Clients are told at once, before the rest of the plug-in goes away.
-    m_server->stop();
+    m_portal.restoreSession([](const PortalResult& result) {
+        // Signed out and offline both just show the user as signed out.
+        if (!result.ok && result.status != 401 && result.status != 0)
+            logLine(LogLevel::Warning,
+                    QStringLiteral("[vantorelle] could not restore sign-in: HTTP %1")
+                        .arg(result.status));
+    });
+}
+
+// A device on the local network never needs the account: follow it straight away.
+void App::startLocalDevice()
+{
+    const QString id = m_settings.selectedDevice();
+    if (!id.isEmpty() && m_settings.route(id) == QLatin1String("lan") &&
+        m_settings.lanEntry(id).usable())
+        selectDevice(id);
+}
+
+void App::onSignedInChanged(bool signedIn)
+{
+    if (!signedIn) {
+        if (!m_devices.isEmpty() || !m_outputs.isEmpty()) {
+            m_devices.clear();
+            m_outputs.clear();
+            Q_EMIT devicesChanged();
+            Q_EMIT outputsChanged();
+        }
+        return;
+    }
+    refreshDevices([this](bool ok, const QString&) {
+        if (ok)
+            restoreSelection();
+    });
+    refreshOutputs();
+}
+
+void App::restoreSelection()
+{
+    const QString stored = m_settings.selectedDevice();
+    QString chosen;
+    for (const DeviceEntry& device : std::as_const(m_devices)) {
+        if (device.id == stored)
+            chosen = stored;
+    }
+    if (chosen.isEmpty() && m_devices.size() == 1)
+        chosen = m_devices.first().id;
+    // A local device followed since start-up keeps its feed rather than reconnecting.
+    const bool alreadyFollowed =
+        chosen == m_followed && m_sourceManager->mode() == SourceManager::Mode::Network;
+    if (!chosen.isEmpty() && !alreadyFollowed)
+        selectDevice(chosen);
+}
+
+void App::refreshDevices(Done done)
+{
+    const QPointer<App> alive(this);
+    m_portal.listDevices([alive, done = std::move(done)](const PortalResult& result) {
+        if (!alive)
+            return;
+        App* self = alive;
+        if (result.ok) {
+            self->m_devices.clear();
+            for (const PortalDevice& device : PortalClient::parseDevices(result))
+                self->m_devices.append(
+                    {device.deviceId, device.nickname,
+                     QJsonObject{{QStringLiteral("device_id"), device.deviceId},
+                                 {QStringLiteral("nickname"), device.nickname},
+                                 {QStringLiteral("status"), device.status},
+                                 {QStringLiteral("ble_passkey"), device.blePasskey}}});
+            self->m_devicesError.clear();
+        } else {
+            self->m_devicesError = result.message;
+        }
+        Q_EMIT self->devicesChanged();
+        if (done)
+            done(result.ok, result.message);
+    });
+}
+
+void App::refreshOutputs(Done done)
+{
+    if (!m_portal.isSignedIn()) {
+        m_outputsError = QStringLiteral("Sign in from the Vantorelle dock to see your graphics.");
+        Q_EMIT outputsChanged();
+        if (done)
+            done(false, m_outputsError);
+        return;
+    }
+    const QPointer<App> alive(this);
+    m_portal.listOutputs([alive, done = std::move(done)](const PortalResult& result) {
+        if (!alive)
+            return;
+        App* self = alive;
+        if (result.ok) {
+            self->m_outputs = self->m_portal.parseOutputs(result);
+            self->m_outputsError.clear();
+        } else if (result.error == QLatin1String("cloud_subscription_required") ||
+                   result.status == 402) {
+            self->m_outputsError = QStringLiteral("Graphics need an active Vantorelle cloud plan.");
+        } else {
+            self->m_outputsError = result.message;
+        }
+        Q_EMIT self->outputsChanged();
+        if (done)
+            done(result.ok, self->m_outputsError);
+    });
+}
+
+bool App::refreshOutputsBlocking(int timeoutMs)
+{
+    QEventLoop loop;
+    // Shared with the callback, which may run after this frame is gone.
+    auto outcome = std::make_shared<std::optional<bool>>();
+    const QPointer<QEventLoop> guard(&loop);
+    refreshOutputs([outcome, guard](bool ok, const QString&) {
+        *outcome = ok;
+        if (guard)
+            guard->quit();
+    });
+    if (!outcome->has_value()) {
+        QTimer::singleShot(timeoutMs, &loop, &QEventLoop::quit);
+        loop.exec();
+    }
+    return outcome->value_or(false);
+}
+
+QString App::deviceName(const QString& id) const
+{
+    for (const DeviceEntry& device : m_devices) {
+        if (device.id == id && !device.name.isEmpty())
+            return device.name;
+    }
+    const QString lanName = m_settings.lanEntry(id).name;
+    return lanName.isEmpty() ? id : lanName;
 }
 
 void App::selectDevice(const QString& id)
 {
     m_settings.setSelectedDevice(id);
+    m_followed = id;
+    const LanEntry lan = m_settings.lanEntry(id);
+    if (m_settings.route(id) == QLatin1String("lan") && lan.usable())
+        m_sourceManager->useLan(lan.host, lan.token, deviceName(id));
+    else
+        m_sourceManager->useCloud(id, deviceName(id));
 }
 
 void App::applyServerSettings()
@@ -111,22 +279,63 @@ void App::applyServerSettings()
         QString error;
         if (!m_server->start(quint16(m_settings.serverPort()), m_settings.serverAllowNetwork(),
                              &error))
-            blog(LOG_WARNING, "[vantorelle] %s", error.toUtf8().constData());
+            logLine(LogLevel::Warning, QStringLiteral("[vantorelle] %1").arg(error));
     } else {
         m_server->stop();
     }
     Q_EMIT serverStateChanged();
 }
 
+void App::addRelay(CloudRelay* relay)
+{
+    if (!relay || m_relays.contains(relay))
+        return;
+    m_relays.removeAll(nullptr);
+    m_relays.append(relay);
+    relay->setShareConnection(m_settings.shareConnection());
+    connect(relay, &CloudRelay::stateChanged, this, &App::usbRelaysChanged);
+    connect(relay, &QObject::destroyed, this, [this] {
+        m_relays.removeAll(nullptr);
+        Q_EMIT usbRelaysChanged();
+    });
+    Q_EMIT usbRelaysChanged();
+}
+
+QStringList App::relayStatusLines() const
+{
+    QStringList lines;
+    for (const QPointer<CloudRelay>& relay : m_relays) {
+        const UsbLink* link = relay ? relay->link() : nullptr;
+        if (!link)
+            continue;
+        QString label = link->deviceInfo().value(QStringLiteral("name")).toString();
+        if (link->isReceiver())
+            label = QStringLiteral("wireless receiver");
+        else if (label.isEmpty())
+            label = QStringLiteral("USB device");
+        QString state;
+        if (relay->isConnected())
+            state = QStringLiteral("connected to the cloud through this computer");
+        else if (!relay->lastError().isEmpty())
+            state = QStringLiteral("cannot reach the cloud (%1)").arg(relay->lastError());
+        else if (relay->isReady())
+            state = QStringLiteral("ready, waiting for the device");
+        else
+            state = QStringLiteral("waiting for the paired device");
+        lines.append(QStringLiteral("%1: %2").arg(label, state));
+    }
+    return lines;
+}
+
 QJsonObject App::handleServerRequest(const QString& op, const QJsonObject& request)
 {
     if (op == QLatin1String("status")) {
-        return {{QStringLiteral("signed_in"), false},
-                {QStringLiteral("account"), QString()},
-                {QStringLiteral("source"), m_live.source()},
+        return {{QStringLiteral("signed_in"), m_portal.isSignedIn()},
+                {QStringLiteral("account"), m_portal.email()},
+                {QStringLiteral("source"), m_sourceManager->sourceDescription()},
                 {QStringLiteral("device"), m_settings.selectedDevice()},
-                {QStringLiteral("live"), false},
-                {QStringLiteral("message"), QString()},
+                {QStringLiteral("live"), m_sourceManager->isLive()},
+                {QStringLiteral("message"), m_sourceManager->status()},
                 {QStringLiteral("sport"), m_live.sport()}};
     }
     if (op == QLatin1String("devices")) {

@@ -2,17 +2,23 @@
 
 #include "core/settings_store.h"
 #include "live/live_data.h"
+#include "portal/portal_client.h"
 #include "update/plugin_updater.h"
 
 #include <QJsonObject>
 #include <QList>
 #include <QObject>
+#include <QPointer>
 #include <QString>
 #include <QTimer>
 
+#include <functional>
+
 namespace vantorelle {
 
+class CloudRelay;
 class HostedServer;
+class SourceManager;
 
 // One device of the signed-in account: id and display name first, then the portal's whole record.
 struct DeviceEntry
@@ -22,27 +28,22 @@ struct DeviceEntry
     QJsonObject record;
 };
 
-// One graphics output of the account.
-struct GraphicsOutput
-{
-    QString id;
-    QString name;
-    int width = 0;
-    int height = 0;
-    QString url;
-};
-
 // Where the application object keeps its files, and what it knows of the host.
 struct AppEnvironment
 {
     // "settings.json"; empty keeps the defaults and saves nothing.
     QString settingsFile;
+    // "session.json", the portal's saved sign-in; empty keeps none.
+    QString sessionFile;
     // The updater's working folder.
     QString updateFolder;
     // The plug-in root (holding "bin" and "data"); updates are installed there.
     QString pluginRoot;
     // The running OBS version.
     QString obsVersion;
+    // The portal's base address; empty takes VANTORELLE_PORTAL_URL from the environment, then
+    // the build's address.
+    QString portalUrl;
     // Automatic update checks: the first one after start-up, then one a day.
     int firstUpdateCheckMs = 20000;
     int updateCheckIntervalMs = 86400000;
@@ -55,27 +56,47 @@ class App : public QObject
     Q_OBJECT
 
 public:
+    // Called with whether a fetch succeeded and, when not, the sentence to show.
+    using Done = std::function<void(bool ok, const QString& error)>;
+
     explicit App(const AppEnvironment& environment, QObject* parent = nullptr);
     ~App() override;
 
     static App* instance();
     static void setInstance(App* app);
 
+    PortalClient& portal() { return m_portal; }
     LiveData& live() { return m_live; }
     SettingsStore& settings() { return m_settings; }
+    SourceManager* sourceManager() const { return m_sourceManager; }
     HostedServer* server() const { return m_server; }
     PluginUpdater& updater() { return m_updater; }
+    bool isSignedIn() const { return m_portal.isSignedIn(); }
     const QList<DeviceEntry>& devices() const { return m_devices; }
     QString devicesError() const { return m_devicesError; }
     const QList<GraphicsOutput>& outputs() const { return m_outputs; }
     QString outputsError() const { return m_outputsError; }
 
+    // Fetches the account's devices and replaces the list.
+    void refreshDevices(Done done = {});
+    // Fetches the account's graphics outputs and replaces the list.
+    void refreshOutputs(Done done = {});
+    // refreshOutputs, waited for in a local event loop for at most `timeoutMs`; true when the
+    // fetch succeeded in time.
+    bool refreshOutputsBlocking(int timeoutMs);
     // Makes a device the live-data device and remembers it.
     void selectDevice(const QString& id);
+    // The name status texts use: the portal nickname, else the network entry's name, else the id.
+    QString deviceName(const QString& id) const;
     // Starts or stops the sharing server as the settings say.
     void applyServerSettings();
     // Answers one request of a sharing-server client.
     QJsonObject handleServerRequest(const QString& op, const QJsonObject& request);
+
+    // A USB link's cloud relay now shares (or may share) this computer's internet.
+    void addRelay(CloudRelay* relay);
+    // One line per live relay, e.g. "USB device: ready, waiting for the device".
+    QStringList relayStatusLines() const;
 
 Q_SIGNALS:
     void usbRelaysChanged();
@@ -87,7 +108,12 @@ private:
     void configureUpdater(const AppEnvironment& environment);
     void onUpdaterStateChanged();
     void automaticUpdateCheck();
+    void onSignedInChanged(bool signedIn);
+    void restoreSelection();
+    void restoreSignIn();
+    void startLocalDevice();
 
+    PortalClient m_portal;
     LiveData m_live;
     SettingsStore m_settings;
     QList<DeviceEntry> m_devices;
@@ -98,7 +124,11 @@ private:
     QTimer m_dailyUpdateCheck;
     QList<GraphicsOutput> m_outputs;
     QString m_outputsError;
+    SourceManager* m_sourceManager = nullptr;
     HostedServer* m_server = nullptr;
+    QList<QPointer<CloudRelay>> m_relays;
+    // The device last handed to the source manager.
+    QString m_followed;
 };
 
 } // namespace vantorelle

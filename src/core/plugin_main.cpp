@@ -1,8 +1,10 @@
 // OBS module entry points: create the application object, register the sources, add the dock.
 
 #include "core/app.h"
+#include "core/log.h"
 #include "core/obs_compat.h"
 #include "core/version.h"
+#include "obs/graphics_source.h"
 #include "obs/text_source.h"
 #include "ui/dock.h"
 
@@ -34,6 +36,7 @@ vantorelle::AppEnvironment appEnvironment()
 {
     vantorelle::AppEnvironment env;
     env.settingsFile = takeObsString(obs_module_config_path("settings.json"));
+    env.sessionFile = takeObsString(obs_module_config_path("session.json"));
     env.updateFolder = takeObsString(obs_module_config_path("update"));
     // The module's data folder sits directly under the plug-in root.
     const QString data = takeObsString(obs_find_module_file(obs_current_module(), ""));
@@ -74,6 +77,26 @@ void registerProcedures()
                      nullptr);
 }
 
+void logToObs(vantorelle::LogLevel level, const QString& line)
+{
+    int obsLevel = LOG_INFO;
+    switch (level) {
+    case vantorelle::LogLevel::Error:
+        obsLevel = LOG_ERROR;
+        break;
+    case vantorelle::LogLevel::Warning:
+        obsLevel = LOG_WARNING;
+        break;
+    case vantorelle::LogLevel::Info:
+        obsLevel = LOG_INFO;
+        break;
+    case vantorelle::LogLevel::Debug:
+        obsLevel = LOG_DEBUG;
+        break;
+    }
+    blog(obsLevel, "%s", line.toUtf8().constData());
+}
+
 void addDock()
 {
     // Widgets need a widget application; a headless host has none and gets no dock.
@@ -100,6 +123,7 @@ MODULE_EXPORT const char* obs_module_description(void)
 
 bool obs_module_load(void)
 {
+    vantorelle::setLogSink(logToObs);
     blog(LOG_INFO, "[vantorelle] loading plugin %s",
          vantorelle::pluginVersion().toUtf8().constData());
 
@@ -108,6 +132,7 @@ bool obs_module_load(void)
     vantorelle::App* app = vantorelle::App::instance();
 
     vantorelle::registerTextSource();
+    vantorelle::registerGraphicsSource();
     QObject::connect(&app->live(), &vantorelle::LiveData::changed, app,
                      &vantorelle::refreshTextSources);
     registerProcedures();
@@ -125,4 +150,5 @@ void obs_module_unload(void)
     delete app;
 
     blog(LOG_INFO, "[vantorelle] plugin unloaded");
+    vantorelle::setLogSink({});
 }
