@@ -63,9 +63,9 @@ LanDevice::LanDevice(QObject* parent) : QObject(parent)
 
 LanDevice::~LanDevice() = default;
 
-bool LanDevice::start()
+bool LanDevice::start(quint16 port)
 {
-    if (!m_http.listen(QHostAddress(QHostAddress::LocalHost), m_port))
+    if (!m_http.listen(QHostAddress(QHostAddress::LocalHost), port))
         return false;
     m_port = m_http.port();
     return true;

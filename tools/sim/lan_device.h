@@ -30,8 +30,8 @@ public:
     explicit LanDevice(QObject* parent = nullptr);
     ~LanDevice() override;
 
-    // Listens on 127.0.0.1, on a port the system chooses.
-    bool start();
+    // Listens on 127.0.0.1 at `port`; 0 lets the system choose.
+    bool start(quint16 port = 0);
     quint16 port() const { return m_port; }
     // "127.0.0.1:<port>", the address a network link takes.
     QString address() const;

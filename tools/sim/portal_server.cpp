@@ -68,9 +68,9 @@ PortalServer::PortalServer(QObject* parent) : QObject(parent)
     m_http.setFallback([this](const HttpRequest& request) { return handle(request); });
 }
 
-bool PortalServer::start()
+bool PortalServer::start(quint16 port)
 {
-    return m_http.listen();
+    return m_http.listen(QHostAddress(QHostAddress::LocalHost), port);
 }
 
 bool PortalServer::startTls(const QSslCertificate& certificate, const QSslKey& key)
@@ -218,11 +218,8 @@ HttpResponse PortalServer::handleDevice(const HttpRequest& request, const QStrin
         return codeError(403, "insufficient_role");
 
     const QJsonObject body = bodyOf(request);
-    if (request.method == "POST" && parts.value(3) == u"cmd" && parts.size() == 5) {
-        return HttpResponse::json({{QStringLiteral("ok"), true},
-                                   {QStringLiteral("command"), parts.value(4)},
-                                   {QStringLiteral("args"), body.value(QLatin1String("args"))}});
-    }
+    if (request.method == "POST" && parts.value(3) == u"cmd" && parts.size() == 5)
+        return commandReply(*entry, parts.value(4), body.value(QLatin1String("args")).toObject());
     if (request.method == "POST" && action == u"config") {
         entry->config = body.value(QLatin1String("config")).toObject();
         return HttpResponse::json(
@@ -238,6 +235,29 @@ HttpResponse PortalServer::handleDevice(const HttpRequest& request, const QStrin
                                    {QStringLiteral("ble_passkey"), entry->device.blePasskey}});
     }
     return detailError(404, QStringLiteral("Not Found"));
+}
+
+HttpResponse PortalServer::commandReply(const DeviceEntry& entry, const QString& command,
+                                        const QJsonObject& args) const
+{
+    // An offline device gets the command when it reconnects.
+    if (entry.device.status != u"online")
+        return HttpResponse::json({{QStringLiteral("ok"), true},
+                                   {QStringLiteral("queued"), true},
+                                   {QStringLiteral("command"), command}});
+    if (command == u"get_status") {
+        QJsonObject status{{QStringLiteral("device_id"), entry.device.id},
+                           {QStringLiteral("nickname"), entry.device.nickname},
+                           {QStringLiteral("online"), true}};
+        if (!entry.envelope.isEmpty()) {
+            status.insert(QStringLiteral("sport"), entry.envelope.value(QLatin1String("sport")));
+            status.insert(QStringLiteral("seq"), entry.envelope.value(QLatin1String("seq")));
+        }
+        return HttpResponse::json(status);
+    }
+    return HttpResponse::json({{QStringLiteral("ok"), true},
+                               {QStringLiteral("command"), command},
+                               {QStringLiteral("args"), args}});
 }
 
 HttpResponse PortalServer::login(const HttpRequest& request)

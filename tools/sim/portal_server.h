@@ -33,7 +33,10 @@ namespace vantorelle::sim {
 //     online:  {"type":"state","online":true,"sport":...,"seq":n,"ts_ms":n,"fields":{...}}
 //     offline: the same with "online":false (the last scores it sent)
 //     pending: {"type":"pending","online":false} (it never sent scoreboard data)
-// - POST "/devices/ID/cmd/NAME" {"args"}: {"ok":true,"command":NAME,"args":{...}}.
+// - POST "/devices/ID/cmd/NAME" {"args"}: {"ok":true,"command":NAME,"args":{...}}; "get_status"
+//   answers {"device_id","nickname","online":true} plus "sport" and "seq" once it sent scores.
+//   A device whose status is not "online" queues every command: {"ok":true,"queued":true,
+//   "command":NAME}.
 // - POST "/devices/ID/config" {"config"}: {"ok":true,"config":{...}}; the config is kept.
 // - POST "/devices/link" {"device_id","via","code"?}: {"ok":true,"device":{...}} for a device
 //   that nobody owns; a wrong claim code: 400 {"detail":{"error":"claim_code_device_mismatch"}}.
@@ -61,8 +64,8 @@ public:
 
     explicit PortalServer(QObject* parent = nullptr);
 
-    // Listens on 127.0.0.1 with a port of the system's choice.
-    bool start();
+    // Listens on 127.0.0.1 at `port`; 0 lets the system choose.
+    bool start(quint16 port = 0);
     bool startTls(const QSslCertificate& certificate, const QSslKey& key);
     // "http://127.0.0.1:<port>" or "https://...", without a trailing slash.
     QString baseUrl() const;
@@ -107,6 +110,8 @@ private:
     HttpResponse handleDevice(const HttpRequest& request, const QString& email);
     HttpResponse login(const HttpRequest& request);
     HttpResponse loginWithCode(const HttpRequest& request);
+    HttpResponse commandReply(const DeviceEntry& entry, const QString& command,
+                              const QJsonObject& args) const;
     HttpResponse linkDevice(const HttpRequest& request, const QString& email);
     HttpResponse signedIn(const QString& email);
     QString sessionToken(const HttpRequest& request) const;
