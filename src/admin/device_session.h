@@ -1,6 +1,7 @@
 #pragma once
 
 #include "controller_catalogue.h"
+#include "links/device_link.h"
 #include "rpc_client.h"
 
 #include <QJsonObject>
@@ -15,8 +16,6 @@
 #include <functional>
 
 namespace vantorelle {
-
-class DeviceLink;
 
 // Every interval the session waits on; tests shrink them.
 struct DeviceSessionSettings

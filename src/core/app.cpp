@@ -53,7 +53,7 @@ App::App(const AppEnvironment& environment, QObject* parent)
     m_portal.jar()->setPath(environment.sessionFile);
     m_portal.jar()->load();
 
-    m_sourceManager = new SourceManager(&m_portal, &m_live, {}, this);
+    m_sourceManager = new SourceManager(&m_portal, &m_live, environment.sources, this);
 
     m_server = new HostedServer(&m_live, this);
     m_server->setHandler([this](const QString& op, const QJsonObject& request) {

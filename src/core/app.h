@@ -2,6 +2,7 @@
 
 #include "core/settings_store.h"
 #include "live/live_data.h"
+#include "live/source_manager.h"
 #include "portal/portal_client.h"
 #include "update/plugin_updater.h"
 
@@ -18,7 +19,6 @@ namespace vantorelle {
 
 class CloudRelay;
 class HostedServer;
-class SourceManager;
 
 // One device of the signed-in account: id and display name first, then the portal's whole record.
 struct DeviceEntry
@@ -47,6 +47,8 @@ struct AppEnvironment
     // Automatic update checks: the first one after start-up, then one a day.
     int firstUpdateCheckMs = 20000;
     int updateCheckIntervalMs = 86400000;
+    // Cloud polling pace and where the local network feed connects.
+    SourceManagerSettings sources;
 };
 
 // The plug-in's one application object, alive from module load to unload. Everything on the UI

@@ -144,6 +144,12 @@ void setStatus(obs_properties_t* props)
                                  statusText().toUtf8().constData());
 }
 
+// The properties of the type itself (no instance) stand for a source with nothing stored.
+obs_data_t* settingsOf(GraphicsInstance* self)
+{
+    return self ? obs_source_get_settings(self->source) : obs_data_create();
+}
+
 bool outputChosen(void*, obs_properties_t*, obs_property_t*, obs_data_t* settings) noexcept
 {
     return guardCallback("vantorelle_graphics choice", [&] {
@@ -171,8 +177,7 @@ bool refreshClicked(obs_properties_t* props, obs_property_t*, void* data) noexce
         if (!app)
             return false;
         app->refreshOutputsBlocking(kRefreshLimitMs);
-        auto* self = static_cast<GraphicsInstance*>(data);
-        OBSDataAutoRelease settings = obs_source_get_settings(self->source);
+        OBSDataAutoRelease settings = settingsOf(static_cast<GraphicsInstance*>(data));
         fillOutputList(obs_properties_get(props, "output_id"), settings);
         setStatus(props);
         return true;
@@ -187,13 +192,8 @@ obs_properties_t* graphicsGetProperties(void* data) noexcept
         obs_property_t* list =
             obs_properties_add_list(props, "output_id", obs_module_text("GraphicsOutput"),
                                     OBS_COMBO_TYPE_LIST, OBS_COMBO_FORMAT_STRING);
-        if (self) {
-            OBSDataAutoRelease settings = obs_source_get_settings(self->source);
-            fillOutputList(list, settings);
-        } else {
-            OBSDataAutoRelease empty = obs_data_create();
-            fillOutputList(list, empty);
-        }
+        OBSDataAutoRelease settings = settingsOf(self);
+        fillOutputList(list, settings);
         obs_property_set_modified_callback2(list, outputChosen, self);
         obs_properties_add_button2(props, "refresh", obs_module_text("GraphicsRefresh"),
                                    refreshClicked, self);
