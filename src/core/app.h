@@ -28,6 +28,12 @@ struct DeviceEntry
     QJsonObject record;
 };
 
+// How lists name a device: "name (id)", or the bare id when it has no name.
+inline QString deviceLabel(const QString& name, const QString& id)
+{
+    return name.isEmpty() ? id : QStringLiteral("%1 (%2)").arg(name, id);
+}
+
 // Where the application object keeps its files, and what it knows of the host.
 struct AppEnvironment
 {

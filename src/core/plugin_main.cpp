@@ -5,6 +5,7 @@
 #include "core/obs_compat.h"
 #include "core/version.h"
 #include "obs/graphics_source.h"
+#include "obs/scene_actions.h"
 #include "obs/text_source.h"
 #include "ui/dock.h"
 
@@ -23,6 +24,7 @@ namespace {
 constexpr const char* kDockId = "vantorelle-dock";
 
 QPointer<QWidget> s_dock;
+vantorelle::ObsSceneActions s_sceneActions;
 
 // Takes a string libobs allocated for us.
 QString takeObsString(char* text)
@@ -102,11 +104,16 @@ void addDock()
     // Widgets need a widget application; a headless host has none and gets no dock.
     if (!qobject_cast<QApplication*>(QCoreApplication::instance()))
         return;
-    auto* dock = new vantorelle::Dock;
-    if (vantorelle::compat::addDock(kDockId, "Vantorelle", dock))
-        s_dock = dock;
-    else
+    vantorelle::App* app = vantorelle::App::instance();
+    auto* dock = new vantorelle::Dock(app, &s_sceneActions);
+    if (!vantorelle::compat::addDock(kDockId, "Vantorelle", dock)) {
         delete dock;
+        return;
+    }
+    s_dock = dock;
+    // Where OBS cannot take a dock out again, its contents must not outlive the application
+    // object they show.
+    QObject::connect(app, &QObject::destroyed, dock, [dock] { delete dock; });
 }
 
 } // namespace

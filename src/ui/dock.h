@@ -2,24 +2,20 @@
 
 #include <QWidget>
 
-class QLabel;
-
 namespace vantorelle {
 
-// The "Vantorelle" dock: what the plug-in is doing, at a glance.
+class App;
+class SceneActions;
+
+// The "Vantorelle" dock, read top to bottom: account, device and route, live status, scene
+// buttons, sharing server, USB relays and updates. Each section watches one component; the dock
+// only arranges them. Without scene actions (no OBS front end) the scene section is left out.
 class Dock : public QWidget
 {
     Q_OBJECT
 
 public:
-    explicit Dock(QWidget* parent = nullptr);
-
-private:
-    void showServerState();
-    void showLiveSource();
-
-    QLabel* m_source = nullptr;
-    QLabel* m_server = nullptr;
+    explicit Dock(App* app, SceneActions* sceneActions = nullptr, QWidget* parent = nullptr);
 };
 
 } // namespace vantorelle

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <QWidget>
+
+class QComboBox;
+class QLabel;
+class QPushButton;
+
+namespace vantorelle {
+
+class App;
+
+// Chooses the live-data device (the account's devices and those known only on the local network)
+// and how its data travels, and opens the cloud management of an account device.
+class DevicePanel : public QWidget
+{
+    Q_OBJECT
+
+public:
+    explicit DevicePanel(App* app, QWidget* parent = nullptr);
+
+    static constexpr const char* CloudRoute = "cloud";
+    static constexpr const char* LanRoute = "lan";
+
+private:
+    void refresh();
+    void followSelection();
+    void showRoutes();
+    void chooseDevice(int index);
+    void chooseRoute(int index);
+    void openManageDialog();
+    QString currentId() const;
+    bool inAccount(const QString& id) const;
+    // The routes this device can take, the cloud first.
+    QStringList routesOf(const QString& id) const;
+
+    App* m_app;
+    QComboBox* m_devices = nullptr;
+    QLabel* m_routeLabel = nullptr;
+    QComboBox* m_route = nullptr;
+    QLabel* m_error = nullptr;
+    QPushButton* m_manage = nullptr;
+};
+
+} // namespace vantorelle

@@ -1,0 +1,32 @@
+#include "panel_style.h"
+
+#include <QLabel>
+#include <QVBoxLayout>
+
+namespace vantorelle {
+
+QLabel* wrappedLabel(const QString& objectName, QWidget* parent)
+{
+    auto* label = new QLabel(parent);
+    label->setObjectName(objectName);
+    label->setWordWrap(true);
+    return label;
+}
+
+void showMessage(QLabel* label, const QString& text, bool failure)
+{
+    label->setText(text);
+    label->setStyleSheet(failure ? QString::fromLatin1(ErrorStyle) : QString());
+    label->setVisible(!text.isEmpty());
+}
+
+QVBoxLayout* sectionLayout(QWidget* section, const char* objectName, const QString& title)
+{
+    section->setObjectName(QLatin1String(objectName));
+    auto* layout = new QVBoxLayout(section);
+    layout->setContentsMargins(0, 0, 0, 0);
+    layout->addWidget(new QLabel(QStringLiteral("<b>%1</b>").arg(title.toHtmlEscaped())));
+    return layout;
+}
+
+} // namespace vantorelle
