@@ -20,18 +20,24 @@ namespace {
 
 std::atomic<App*> s_instance{nullptr};
 
-QString deviceLabel(const DeviceEntry& device)
-{
-    return device.name.isEmpty() ? device.id
-                                 : QStringLiteral("%1 (%2)").arg(device.name, device.id);
-}
-
 QString portalAddress(const AppEnvironment& environment)
 {
     if (!environment.portalUrl.isEmpty())
         return environment.portalUrl;
     const QString fromEnvironment = qEnvironmentVariable("VANTORELLE_PORTAL_URL");
     return fromEnvironment.isEmpty() ? QStringLiteral(VANTORELLE_PORTAL_URL) : fromEnvironment;
+}
+
+// The source manager's settings; VANTORELLE_FEED_PORT moves the devices' live feed port, so a
+// simulated device can serve it without the privileges port 1010 needs.
+SourceManagerSettings sourceSettings(const AppEnvironment& environment)
+{
+    SourceManagerSettings settings = environment.sources;
+    bool ok = false;
+    const int port = qEnvironmentVariableIntValue("VANTORELLE_FEED_PORT", &ok);
+    if (ok && port > 0 && port <= 65535)
+        settings.feed.port = quint16(port);
+    return settings;
 }
 
 } // namespace
@@ -53,7 +59,7 @@ App::App(const AppEnvironment& environment, QObject* parent)
     m_portal.jar()->setPath(environment.sessionFile);
     m_portal.jar()->load();
 
-    m_sourceManager = new SourceManager(&m_portal, &m_live, environment.sources, this);
+    m_sourceManager = new SourceManager(&m_portal, &m_live, sourceSettings(environment), this);
 
     m_server = new HostedServer(&m_live, this);
     m_server->setHandler([this](const QString& op, const QJsonObject& request) {
@@ -342,7 +348,7 @@ QJsonObject App::handleServerRequest(const QString& op, const QJsonObject& reque
         QJsonArray list;
         for (const DeviceEntry& device : std::as_const(m_devices))
             list.append(QJsonObject{{QStringLiteral("id"), device.id},
-                                    {QStringLiteral("name"), deviceLabel(device)}});
+                                    {QStringLiteral("name"), deviceLabel(device.name, device.id)}});
         return {{QStringLiteral("devices"), list}};
     }
     if (op == QLatin1String("use")) {
