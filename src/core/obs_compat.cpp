@@ -2,21 +2,73 @@
 
 #include <obs-frontend-api.h>
 #include <obs.h>
+#include <util/config-file.h>
 
 #include <QDockWidget>
+#include <QMainWindow>
+#include <QPointer>
 #include <QWidget>
 
 namespace vantorelle::compat {
+
+namespace {
+
+config_t* appConfig()
+{
+#if LIBOBS_API_VER >= MAKE_SEMANTIC_VERSION(31, 0, 0)
+    return obs_frontend_get_app_config();
+#else
+    return obs_frontend_get_global_config();
+#endif
+}
+
+// OBS lays out a fresh configuration's docks itself and hides those of plug-ins; the first run
+// should show the plug-in at once. Later runs keep whatever the user arranged.
+QPointer<QWidget> s_firstRunDock;
+
+void onFrontendEvent(enum obs_frontend_event event, void*)
+{
+    if (event != OBS_FRONTEND_EVENT_FINISHED_LOADING || !s_firstRunDock)
+        return;
+    config_t* config = appConfig();
+    if (config && config_get_string(config, "BasicWindow", "DockState"))
+        return;
+    for (QWidget* w = s_firstRunDock; w; w = w->parentWidget()) {
+        if (auto* dock = qobject_cast<QDockWidget*>(w)) {
+            dock->setFloating(false);
+            dock->show();
+            return;
+        }
+    }
+}
+
+void showOnFirstRun(QWidget* widget)
+{
+    s_firstRunDock = widget;
+    obs_frontend_add_event_callback(onFrontendEvent, nullptr);
+}
+
+void forgetFirstRun()
+{
+    obs_frontend_remove_event_callback(onFrontendEvent, nullptr);
+    s_firstRunDock.clear();
+}
+
+} // namespace
 
 #if LIBOBS_API_VER >= MAKE_SEMANTIC_VERSION(30, 0, 0)
 
 bool addDock(const char* id, const char* title, QWidget* widget)
 {
-    return obs_frontend_add_dock_by_id(id, title, widget);
+    if (!obs_frontend_add_dock_by_id(id, title, widget))
+        return false;
+    showOnFirstRun(widget);
+    return true;
 }
 
 void removeDock(const char* id)
 {
+    forgetFirstRun();
     obs_frontend_remove_dock(id);
 }
 
@@ -28,15 +80,26 @@ bool addDock(const char* id, const char* title, QWidget* widget)
     dock->setObjectName(QString::fromUtf8(id));
     dock->setWindowTitle(QString::fromUtf8(title));
     dock->setWidget(widget);
-    if (obs_frontend_add_dock(dock))
-        return true;
-    widget->setParent(nullptr);
-    delete dock;
-    return false;
+    dock->setFeatures(QDockWidget::DockWidgetClosable | QDockWidget::DockWidgetMovable |
+                      QDockWidget::DockWidgetFloatable);
+    if (!obs_frontend_add_dock(dock)) {
+        widget->setParent(nullptr);
+        delete dock;
+        return false;
+    }
+    // This OBS only lists the dock in its Docks menu: place it beside the others. OBS restores
+    // the user's own arrangement over this once its window state is loaded.
+    if (auto* window = static_cast<QMainWindow*>(obs_frontend_get_main_window())) {
+        window->addDockWidget(Qt::RightDockWidgetArea, dock);
+        dock->show();
+    }
+    showOnFirstRun(widget);
+    return true;
 }
 
 void removeDock(const char*)
 {
+    forgetFirstRun();
     // This OBS has no call to take a dock out; its main window owns it and closes it.
 }
 
