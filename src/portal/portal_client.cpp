@@ -153,12 +153,15 @@ void PortalClient::signInWithCode(const QString& challengeId, const QString& cod
 
 void PortalClient::restoreSession(Callback callback)
 {
+    // The cookies this restore presents; a sign-in running meanwhile brings new ones, which a
+    // late refusal of the old session must not throw away.
+    const QList<QNetworkCookie> presented = m_jar->cookies();
     request(
         "GET", QStringLiteral("/auth/me"), std::nullopt,
-        [this, callback = std::move(callback)](const PortalResult& result) {
+        [this, presented, callback = std::move(callback)](const PortalResult& result) {
             if (result.ok)
                 applyAccount(result.data);
-            else if (result.status == 401)
+            else if (result.status == 401 && m_jar->cookies() == presented)
                 m_jar->clear();
             if (callback)
                 callback(result);
