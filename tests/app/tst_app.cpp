@@ -105,9 +105,13 @@ std::unique_ptr<App> TestApp::makeApp(const QJsonObject& settings)
 void TestApp::signIn(App& app)
 {
     bool done = false;
-    app.portal().signIn(kEmail, kPassword, [&](const PortalResult&) { done = true; });
+    QString message;
+    app.portal().signIn(kEmail, kPassword, [&](const PortalResult& result) {
+        done = true;
+        message = QStringLiteral("%1 %2").arg(result.status).arg(result.message);
+    });
     QTRY_VERIFY(done);
-    QVERIFY(app.isSignedIn());
+    QVERIFY2(app.isSignedIn(), qPrintable(message));
 }
 
 void TestApp::addDevices(int count)

@@ -199,6 +199,9 @@ void TestObsGraphics::innerGetsCorrectedSettings()
     QFETCH(int, height);
     QFETCH(int, innerWidth);
     QFETCH(int, innerHeight);
+    // Sources of earlier cases are destroyed later on OBS's own threads; one of them could hand
+    // its address to the new inner source, so start only once they are gone.
+    QTRY_VERIFY(ObsHarness::sourcesOfType("browser_source").isEmpty());
     const QList<obs_source_t*> before = ObsHarness::sourcesOfType("browser_source");
     const QString url = m_portal.baseUrl() + "/graphics/o/tok-a";
     OBSSourceAutoRelease source =
