@@ -1,0 +1,121 @@
+#include "controller_panel.h"
+
+#include <QComboBox>
+#include <QFormLayout>
+#include <QPushButton>
+#include <QSignalBlocker>
+#include <QVBoxLayout>
+
+namespace vantorelle {
+
+namespace {
+
+constexpr int Levels = 4;
+// The four choices from the top: each narrows the ones below it.
+QString ControllerChoice::*const Fields[Levels] = {
+    &ControllerChoice::manufacturer, &ControllerChoice::model, &ControllerChoice::sport,
+    &ControllerChoice::input_type};
+
+bool matchesAbove(const ControllerChoice& choice, const ControllerChoice& picked, int level)
+{
+    for (int above = 0; above < level; ++above) {
+        if (choice.*Fields[above] != picked.*Fields[above])
+            return false;
+    }
+    return true;
+}
+
+QString describe(const ControllerChoice& choice)
+{
+    return QStringLiteral("%1 %2 (%3, %4)")
+        .arg(choice.manufacturer, choice.model, controllerWordLabel(choice.sport),
+             controllerWordLabel(choice.input_type));
+}
+
+} // namespace
+
+ControllerPanel::ControllerPanel(DeviceSession* session, QWidget* parent)
+    : AdminPanel(session, "controllerPanel", QStringLiteral("Scoreboard controller"), parent)
+{
+    static const char* const names[Levels] = {"controllerManufacturer", "controllerModel",
+                                              "controllerSport", "controllerInput"};
+    static const char* const labels[Levels] = {"Manufacturer", "Model", "Sport", "Input"};
+    auto* form = new QFormLayout;
+    for (int level = 0; level < Levels; ++level) {
+        m_boxes[level] = new QComboBox;
+        m_boxes[level]->setObjectName(QLatin1String(names[level]));
+        form->addRow(QLatin1String(labels[level]), m_boxes[level]);
+        connect(m_boxes[level], &QComboBox::activated, this,
+                [this, level] { refill(level + 1, chosen()); });
+    }
+    body()->addLayout(form);
+    QPushButton* set = addAction(QStringLiteral("Set"), "setController");
+    body()->addWidget(set);
+    body()->addStretch();
+    connect(set, &QPushButton::clicked, this, &ControllerPanel::apply);
+}
+
+void ControllerPanel::load()
+{
+    if (!sessionReady() || isBusy())
+        return;
+    begin(QStringLiteral("Reading the scoreboard controllers…"));
+    session()->listControllers(
+        guarded([this](const RpcResult& result, const QList<ControllerChoice>& controllers) {
+            if (!result.ok) {
+                fail(result.message);
+                return;
+            }
+            m_controllers = controllers;
+            if (!stillConnected())
+                return;
+            session()->getControllerConfig(
+                guarded([this](const RpcResult& config, const ControllerChoice& current) {
+                    if (settle(config))
+                        refill(0, current);
+                }));
+        }));
+}
+
+void ControllerPanel::apply()
+{
+    if (!sessionReady() || isBusy())
+        return;
+    const ControllerChoice choice = chosen();
+    if (choice.manufacturer.isEmpty()) {
+        fail(QStringLiteral("The device has not listed its scoreboard controllers yet."));
+        return;
+    }
+    begin(QStringLiteral("Setting the scoreboard controller…"));
+    session()->setController(
+        choice, guarded([this, choice](const RpcResult& result) {
+            settle(result, QStringLiteral("The device now reads a %1.").arg(describe(choice)));
+        }));
+}
+
+ControllerChoice ControllerPanel::chosen() const
+{
+    QString values[Levels];
+    for (int level = 0; level < Levels; ++level)
+        values[level] = m_boxes[level]->currentData().toString();
+    return {values[0], values[1], values[2], values[3]};
+}
+
+void ControllerPanel::refill(int level, ControllerChoice picked)
+{
+    for (; level < Levels; ++level) {
+        QComboBox* box = m_boxes[level];
+        const QSignalBlocker blocker(box);
+        box->clear();
+        for (const ControllerChoice& controller : std::as_const(m_controllers)) {
+            const QString value = controller.*Fields[level];
+            if (!matchesAbove(controller, picked, level) || box->findData(value) >= 0)
+                continue;
+            box->addItem(level < 2 ? value : controllerWordLabel(value), value);
+        }
+        box->setCurrentIndex(qMax(0, box->findData(picked.*Fields[level])));
+        picked.*Fields[level] = box->currentData().toString();
+    }
+}
+
+} // namespace vantorelle

@@ -1,0 +1,51 @@
+#pragma once
+
+#include "admin_panel.h"
+#include "links/usb_link.h"
+
+#include <QPointer>
+
+class QCheckBox;
+class QLabel;
+class QLineEdit;
+class QSpinBox;
+
+namespace vantorelle {
+
+// The radio link between a device and a wireless receiver. On a receiver's own USB link it sets
+// the receiver's key and channel; on a device it shows the link and starts or stops sending the
+// scores to a receiver.
+class WirelessPanel : public AdminPanel
+{
+    Q_OBJECT
+
+public:
+    explicit WirelessPanel(DeviceSession* session, QWidget* parent = nullptr);
+
+    bool isForReceiver() const { return m_receiver != nullptr; }
+
+    // Receiver: ask it for a new key; apply the typed key and channel.
+    void generateReceiverKey();
+    void applyReceiver();
+    // Device: read its link; send to the receiver at the typed address; stop sending.
+    void readLink();
+    void sendToReceiver();
+    void turnOff();
+
+private:
+    void buildReceiver();
+    void buildDevice();
+    void sessionBecameReady() override;
+    void receiverAnswered(bool ok, const QString& key, const QString& error,
+                          const QString& success);
+
+    QPointer<UsbLink> m_receiver;
+    QLineEdit* m_key = nullptr;
+    QSpinBox* m_channel = nullptr;
+    QLabel* m_linkState = nullptr;
+    QLineEdit* m_peer = nullptr;
+    QCheckBox* m_generateKey = nullptr;
+    QLabel* m_generatedKey = nullptr;
+};
+
+} // namespace vantorelle
