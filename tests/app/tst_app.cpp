@@ -1,5 +1,6 @@
 // The application object against a local portal and a device feed, without OBS.
 
+#include "common/app_support.h"
 #include "common/test_support.h"
 #include "core/app.h"
 #include "core/log.h"
@@ -84,17 +85,7 @@ void TestApp::cleanup()
 
 AppEnvironment TestApp::environment(const QJsonObject& settings)
 {
-    QJsonObject doc = settings;
-    doc.insert("auto_check_updates", false);
-    writeFile(m_dir.filePath("settings.json"), QJsonDocument(doc).toJson());
-    AppEnvironment env;
-    env.settingsFile = m_dir.filePath("settings.json");
-    env.sessionFile = m_dir.filePath("session.json");
-    env.portalUrl = m_portal->baseUrl();
-    // Update checks stay out of the way of every case.
-    env.firstUpdateCheckMs = env.updateCheckIntervalMs = 3600000;
-    env.sources.pollIntervalMs = 60000;
-    return env;
+    return testAppEnvironment(m_dir.path(), m_portal->baseUrl(), settings);
 }
 
 std::unique_ptr<App> TestApp::makeApp(const QJsonObject& settings)

@@ -1,6 +1,7 @@
 // The dock against a local portal, feed and update service, as a streamer would use it.
 
 #include "admin/manage_dialog.h"
+#include "common/app_support.h"
 #include "common/plugin_updater_support.h"
 #include "common/test_support.h"
 #include "core/app.h"
@@ -127,20 +128,13 @@ void TestDock::cleanup()
 
 void TestDock::makeDock(QJsonObject settings, SceneActions* actions)
 {
-    settings.insert("auto_check_updates", false);
     // Both account devices are also on the network, one without its token; "garage" is only
     // there, "shed" only half set up.
     settings.insert("lan", QJsonObject{{"court-1", lanEntry("127.0.0.1", "lan-token", "Court 1")},
                                        {"dev-2", lanEntry("127.0.0.1", "", "")},
                                        {"garage", lanEntry("127.0.0.1", "lan-token", "Garage")},
                                        {"shed", lanEntry("", "lan-token", "Shed")}});
-    writeFile(m_dir.filePath("settings.json"), QJsonDocument(settings).toJson());
-    AppEnvironment env;
-    env.settingsFile = m_dir.filePath("settings.json");
-    env.sessionFile = m_dir.filePath("session.json");
-    env.portalUrl = m_portal->baseUrl();
-    env.firstUpdateCheckMs = env.updateCheckIntervalMs = 3600000;
-    env.sources.pollIntervalMs = 60000;
+    AppEnvironment env = testAppEnvironment(m_dir.path(), m_portal->baseUrl(), settings);
     env.sources.feed.port = m_feed->serverPort();
     m_app = std::make_unique<App>(env);
     m_dock = std::make_unique<Dock>(m_app.get(), actions);
