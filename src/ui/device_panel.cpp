@@ -3,6 +3,7 @@
 #include "admin/manage_dialog.h"
 #include "core/app.h"
 #include "panel_style.h"
+#include "ui/setup_wizard.h"
 
 #include <QComboBox>
 #include <QLabel>
@@ -31,7 +32,11 @@ DevicePanel::DevicePanel(App* app, QWidget* parent) : QWidget(parent), m_app(app
     m_manage = new QPushButton(QStringLiteral("Manage device…"));
     m_manage->setObjectName(QStringLiteral("manageDevice"));
     layout->addWidget(m_manage);
+    m_setup = new QPushButton(QStringLiteral("Set up a device…"));
+    m_setup->setObjectName(QStringLiteral("setupDevice"));
+    layout->addWidget(m_setup);
 
+    connect(m_setup, &QPushButton::clicked, this, &DevicePanel::openSetupWizard);
     connect(m_devices, &QComboBox::activated, this, &DevicePanel::chooseDevice);
     connect(m_route, &QComboBox::activated, this, &DevicePanel::chooseRoute);
     connect(m_manage, &QPushButton::clicked, this, &DevicePanel::openManageDialog);
@@ -133,6 +138,13 @@ void DevicePanel::openManageDialog()
     auto* dialog = new ManageDialog(id, &m_app->portal(), this);
     dialog->setAttribute(Qt::WA_DeleteOnClose);
     dialog->show();
+}
+
+void DevicePanel::openSetupWizard()
+{
+    auto* wizard = new SetupWizard(m_app, {}, this);
+    wizard->setAttribute(Qt::WA_DeleteOnClose);
+    wizard->show();
 }
 
 QString DevicePanel::currentId() const

@@ -29,6 +29,7 @@ private:
     void chooseDevice(int index);
     void chooseRoute(int index);
     void openManageDialog();
+    void openSetupWizard();
     QString currentId() const;
     bool inAccount(const QString& id) const;
     // The routes this device can take, the cloud first.
@@ -40,6 +41,7 @@ private:
     QComboBox* m_route = nullptr;
     QLabel* m_error = nullptr;
     QPushButton* m_manage = nullptr;
+    QPushButton* m_setup = nullptr;
 };
 
 } // namespace vantorelle
