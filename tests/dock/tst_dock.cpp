@@ -11,6 +11,7 @@
 #include "sim/update_server.h"
 #include "ui/dock.h"
 #include "ui/scene_actions.h"
+#include "ui/setup_wizard.h"
 
 #include <QCheckBox>
 #include <QComboBox>
@@ -81,6 +82,7 @@ private Q_SLOTS:
     void updateBanner_data();
     void updateBanner();
     void sceneSection();
+    void setupWizardOpens();
 
 private:
     void makeDock(QJsonObject settings = {}, SceneActions* actions = nullptr);
@@ -430,6 +432,17 @@ void TestDock::sceneSection()
     QCOMPARE(actions.textsAdded, 1);
     QCOMPARE(widget<QLabel>("sceneResult")->text(), "Added \"Vantorelle Score\" to the scene.");
     m_dock.reset(); // before the scene actions go
+}
+
+void TestDock::setupWizardOpens()
+{
+    makeDock();
+    widget<QPushButton>("setupDevice")->click();
+    auto* wizard = m_dock->findChild<SetupWizard*>();
+    QVERIFY(wizard);
+    QVERIFY(wizard->isVisible());
+    wizard->close();
+    QTRY_VERIFY(!m_dock->findChild<SetupWizard*>());
 }
 
 QTEST_MAIN(TestDock)
