@@ -1,8 +1,4 @@
-#include "links/http_link.h"
-#include "links/usb_link.h"
-#include "sim/admin_responder.h"
-#include "sim/lan_device.h"
-#include "sim/usb_device.h"
+#include "common/device_bench.h"
 #include "ui/controller_panel.h"
 #include "ui/status_panel.h"
 #include "ui/wifi_panel.h"
@@ -10,7 +6,6 @@
 
 #include <QCheckBox>
 #include <QComboBox>
-#include <QDir>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
@@ -19,80 +14,14 @@
 #include <QSpinBox>
 #include <QTest>
 
-#include <memory>
-
 using namespace vantorelle;
+using namespace vantorelle::test;
 using State = DeviceSession::State;
 
 namespace {
 
 const QString NotOverNetwork =
     QStringLiteral("This is only available over USB or Bluetooth, not over the network.");
-
-// Shrunk timings; the sim answers at once.
-const DeviceSessionSettings FastSession{
-    .pollIntervalMs = 50, .requestTimeoutMs = 3000, .verifyDelayMs = 10, .busyRetryDelayMs = 10};
-const UsbLinkSettings FastLink{.helloIntervalMs = 50, .giveUpMs = 2000, .pingIntervalMs = 100};
-
-// A signed-in session over USB or the local network to a simulated device.
-struct Bench
-{
-    explicit Bench(bool overNetwork, bool receiver = false)
-    {
-        if (overNetwork) {
-            lan = std::make_unique<sim::LanDevice>();
-            started = lan->start();
-            link = std::make_unique<HttpLink>(lan->address());
-        } else {
-            usb = std::make_unique<sim::UsbDevice>();
-            usb->setRole(receiver ? sim::UsbDevice::Role::Receiver : sim::UsbDevice::Role::Device);
-            started = usb->start();
-            link = std::make_unique<UsbLink>(usb->portPath(), FastLink);
-        }
-        session.setPassword(QStringLiteral("admin"));
-        session.start(link.get());
-        started = started && QTest::qWaitFor([this] { return session.state() == State::Ready; });
-    }
-    sim::AdminResponder& responder() { return lan ? lan->responder() : *usb->admin(); }
-
-    std::unique_ptr<sim::LanDevice> lan;
-    std::unique_ptr<sim::UsbDevice> usb;
-    std::unique_ptr<DeviceLink> link;
-    DeviceSession session{FastSession};
-    bool started = false;
-};
-
-template <typename T = QLabel> T* child(QWidget* panel, const char* name)
-{
-    return panel->findChild<T*>(QLatin1String(name));
-}
-
-QString message(QWidget* panel)
-{
-    QLabel* label = child(panel, "panelMessage");
-    return label->isHidden() ? QString() : label->text();
-}
-
-bool shownAsFailure(QWidget* panel)
-{
-    return child(panel, "panelMessage")->styleSheet().contains(QLatin1String("#d9534f"));
-}
-
-void click(QWidget* panel, const char* button)
-{
-    QPushButton* b = child<QPushButton>(panel, button);
-    QVERIFY2(b && b->isEnabled(), button);
-    b->click();
-}
-
-void savePicture(QWidget* panel, const QString& name)
-{
-    const QString folder = QStringLiteral(VANTORELLE_ARTIFACT_DIR);
-    QDir().mkpath(folder);
-    QVERIFY(panel->grab().save(
-        QStringLiteral("%1/%2.png")
-            .arg(folder, QString(name).replace(QLatin1Char(' '), QLatin1Char('_')))));
-}
 
 } // namespace
 
@@ -126,7 +55,7 @@ void TestDevicePanels::statusAndNetworkTest()
     QFETCH(bool, overNetwork);
     Bench bench(overNetwork);
     QVERIFY(bench.started);
-    StatusPanel panel(&bench.session);
+    StatusPanel panel(bench.session.get());
     QLabel* status = child(&panel, "statusLines");
     QTRY_VERIFY(status->text().contains(QLatin1String("device_id: VT-0042")));
     QVERIFY(status->text().contains(QLatin1String("online: true")));
@@ -147,7 +76,7 @@ void TestDevicePanels::failureIsClearedBySuccess()
 {
     Bench bench(false);
     QVERIFY(bench.started);
-    StatusPanel panel(&bench.session);
+    StatusPanel panel(bench.session.get());
     QTRY_VERIFY(child<QPushButton>(&panel, "runNetworkTest")->isEnabled());
     bench.responder().failNext("networkTest", "internal", "The network test could not start");
     click(&panel, "runNetworkTest");
@@ -191,7 +120,7 @@ void TestDevicePanels::wifiScanAndJoin()
     QVERIFY(bench.started);
     if (!outcome.isEmpty())
         bench.lan->setWifiJoinOutcome(outcome, outcome == "ok" ? "" : "auth failed", afterMs);
-    WifiPanel panel(&bench.session);
+    WifiPanel panel(bench.session.get());
     QTRY_VERIFY(child<QPushButton>(&panel, "scanWifi")->isEnabled());
     click(&panel, "scanWifi");
     auto* list = child<QListWidget>(&panel, "networkList");
@@ -211,7 +140,7 @@ void TestDevicePanels::wifiOffWhileSending()
     Bench bench(false);
     QVERIFY(bench.started);
     bench.responder().setEspNowRole("tx");
-    WifiPanel panel(&bench.session);
+    WifiPanel panel(bench.session.get());
     QTRY_VERIFY(child<QPushButton>(&panel, "scanWifi")->isEnabled());
     click(&panel, "scanWifi");
     QTRY_COMPARE(message(&panel),
@@ -226,7 +155,7 @@ void TestDevicePanels::controllerPreselectedAndChanged()
 {
     Bench bench(false);
     QVERIFY(bench.started);
-    ControllerPanel panel(&bench.session);
+    ControllerPanel panel(bench.session.get());
     const QJsonObject current = bench.responder().controller();
     QTRY_COMPARE(panel.chosen().manufacturer, current.value("manufacturer").toString());
     QCOMPARE(panel.chosen().model, current.value("model").toString());
@@ -253,7 +182,7 @@ void TestDevicePanels::receiverKeyGenerated()
 {
     Bench bench(false, true);
     QVERIFY(bench.started);
-    WirelessPanel panel(&bench.session);
+    WirelessPanel panel(bench.session.get());
     QVERIFY(panel.isForReceiver());
     QTRY_VERIFY(child<QPushButton>(&panel, "generateReceiverKey")->isEnabled());
     click(&panel, "generateReceiverKey");
@@ -278,7 +207,7 @@ void TestDevicePanels::deviceSendsToReceiver()
 {
     Bench bench(false);
     QVERIFY(bench.started);
-    WirelessPanel panel(&bench.session);
+    WirelessPanel panel(bench.session.get());
     QVERIFY(!panel.isForReceiver());
     QLabel* state = child(&panel, "wirelessState");
     QTRY_COMPARE(state->text(), QStringLiteral("The wireless link is off."));
@@ -302,7 +231,7 @@ void TestDevicePanels::wirelessRefusedOverNetwork()
 {
     Bench bench(true);
     QVERIFY(bench.started);
-    WirelessPanel panel(&bench.session);
+    WirelessPanel panel(bench.session.get());
     QTRY_COMPARE(message(&panel), NotOverNetwork);
     QVERIFY(shownAsFailure(&panel));
     child<QLineEdit>(&panel, "peerMac")->setText("24:6F:28:AA:BB:CC");
@@ -317,12 +246,12 @@ void TestDevicePanels::panelDeletedWhileRequestRuns()
     Bench bench(false);
     QVERIFY(bench.started);
     bench.usb->setAdminReplyDelay(100);
-    QSignalSpy statuses(&bench.session, &DeviceSession::statusUpdated);
-    auto* panel = new StatusPanel(&bench.session);
+    QSignalSpy statuses(bench.session.get(), &DeviceSession::statusUpdated);
+    auto* panel = new StatusPanel(bench.session.get());
     QTRY_VERIFY(panel->isBusy()); // its first refresh is on its way
     delete panel;
     QTRY_COMPARE(statuses.count(), 1); // the answer arrives and finds no panel
-    QCOMPARE(bench.session.state(), State::Ready);
+    QCOMPARE(bench.session->state(), State::Ready);
 }
 
 QTEST_MAIN(TestDevicePanels)

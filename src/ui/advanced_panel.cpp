@@ -1,0 +1,37 @@
+#include "advanced_panel.h"
+
+#include "wireless_panel.h"
+
+#include <QPushButton>
+#include <QVBoxLayout>
+
+namespace vantorelle {
+
+AdvancedPanel::AdvancedPanel(DeviceSession* session, QWidget* parent)
+    : AdminPanel(session, "advancedPanel", QStringLiteral("Advanced"), parent)
+{
+    QPushButton* restart = addAction(QStringLiteral("Restart device"), "restartDevice");
+    body()->addWidget(restart);
+    m_wireless = new WirelessPanel(session);
+    body()->addWidget(m_wireless);
+    body()->addStretch();
+
+    connect(restart, &QPushButton::clicked, this, &AdvancedPanel::restartDevice);
+}
+
+void AdvancedPanel::restartDevice()
+{
+    if (!sessionReady() || isBusy())
+        return;
+    begin(QStringLiteral("Restarting the device…"));
+    session()->reboot(guarded([this](const RpcResult& result) {
+        // The device may drop the link before it answers; the session knows whether that was
+        // the restart.
+        if (result.ok || (session() && session()->isRestarting()))
+            succeed(QStringLiteral("The device is restarting. It will be back in a moment."));
+        else
+            fail(result.message);
+    }));
+}
+
+} // namespace vantorelle
