@@ -69,6 +69,8 @@ public:
     // What the current source is, for the sharing server's status ("cloud", "lan", "usb"...).
     QString sourceDescription() const;
     TlsFeed& feed() { return m_feed; }
+    // The device session followed in link mode; empty otherwise.
+    std::shared_ptr<DeviceSession> session() const { return m_session; }
 
 Q_SIGNALS:
     void statusChanged();

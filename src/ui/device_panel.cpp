@@ -3,6 +3,7 @@
 #include "admin/manage_dialog.h"
 #include "core/app.h"
 #include "panel_style.h"
+#include "ui/device_manager.h"
 #include "ui/setup_wizard.h"
 
 #include <QComboBox>
@@ -32,11 +33,20 @@ DevicePanel::DevicePanel(App* app, QWidget* parent) : QWidget(parent), m_app(app
     m_manage = new QPushButton(QStringLiteral("Manage device…"));
     m_manage->setObjectName(QStringLiteral("manageDevice"));
     layout->addWidget(m_manage);
+    m_connected = new QPushButton(QStringLiteral("Manage connected device…"));
+    m_connected->setObjectName(QStringLiteral("manageConnected"));
+    layout->addWidget(m_connected);
     m_setup = new QPushButton(QStringLiteral("Set up a device…"));
     m_setup->setObjectName(QStringLiteral("setupDevice"));
     layout->addWidget(m_setup);
 
     connect(m_setup, &QPushButton::clicked, this, &DevicePanel::openSetupWizard);
+    connect(m_connected, &QPushButton::clicked, this, &DevicePanel::openDeviceManager);
+    const auto showConnected = [this] {
+        m_connected->setVisible(m_app->sourceManager()->session() != nullptr);
+    };
+    connect(m_app->sourceManager(), &SourceManager::statusChanged, this, showConnected);
+    showConnected();
     connect(m_devices, &QComboBox::activated, this, &DevicePanel::chooseDevice);
     connect(m_route, &QComboBox::activated, this, &DevicePanel::chooseRoute);
     connect(m_manage, &QPushButton::clicked, this, &DevicePanel::openManageDialog);
@@ -138,6 +148,16 @@ void DevicePanel::openManageDialog()
     auto* dialog = new ManageDialog(id, &m_app->portal(), this);
     dialog->setAttribute(Qt::WA_DeleteOnClose);
     dialog->show();
+}
+
+void DevicePanel::openDeviceManager()
+{
+    const SourceManager* sources = m_app->sourceManager();
+    if (!sources->session())
+        return;
+    auto* manager = new DeviceManager(sources->session(), sources->deviceName(), this);
+    manager->setAttribute(Qt::WA_DeleteOnClose);
+    manager->show();
 }
 
 void DevicePanel::openSetupWizard()

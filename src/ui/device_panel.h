@@ -30,6 +30,7 @@ private:
     void chooseRoute(int index);
     void openManageDialog();
     void openSetupWizard();
+    void openDeviceManager();
     QString currentId() const;
     bool inAccount(const QString& id) const;
     // The routes this device can take, the cloud first.
@@ -42,6 +43,8 @@ private:
     QLabel* m_error = nullptr;
     QPushButton* m_manage = nullptr;
     QPushButton* m_setup = nullptr;
+    // Shown while live data comes through a device session (a device set up over USB).
+    QPushButton* m_connected = nullptr;
 };
 
 } // namespace vantorelle

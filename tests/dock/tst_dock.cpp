@@ -443,6 +443,8 @@ void TestDock::setupWizardOpens()
     QVERIFY(wizard->isVisible());
     wizard->close();
     QTRY_VERIFY(!m_dock->findChild<SetupWizard*>());
+    // Only a device followed through a session can be managed from here.
+    QVERIFY(widget<QPushButton>("manageConnected")->isHidden());
 }
 
 QTEST_MAIN(TestDock)
