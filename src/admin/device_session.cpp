@@ -555,4 +555,21 @@ void DeviceSession::ensureApiToken(Reply<QString> done)
                              [](const QJsonObject& result) { return text(result, "token"); }));
 }
 
+// An answer without an id is no use to anyone who asked for it.
+void DeviceSession::getDeviceId(Reply<QString> done)
+{
+    call(QStringLiteral("getDeviceId"), {}, m_settings.requestTimeoutMs,
+         [done = std::move(done)](const RpcResult& result) {
+             const QString id = text(result.result, "device_id");
+             if (!done)
+                 return;
+             if (result.ok && id.isEmpty())
+                 done(RpcResult::failure(QStringLiteral("no_device_id"),
+                                         QStringLiteral("The device did not tell its id.")),
+                      {});
+             else
+                 done(result, id);
+         });
+}
+
 } // namespace vantorelle

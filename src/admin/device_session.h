@@ -125,6 +125,9 @@ public:
     void setController(const ControllerChoice& controller, Done done);
     void reboot(Done done);
     void ensureApiToken(Reply<QString> done);
+    // The id under which the device is known to the cloud and to the settings; an answer
+    // without one fails.
+    void getDeviceId(Reply<QString> done);
     // Any other method of the catalogue. "reboot", "otaApply" and "c6OtaApply" expect the
     // device to restart.
     void request(const QString& method, const QJsonObject& params, int timeoutMs, Done done);

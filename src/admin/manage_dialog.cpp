@@ -1,7 +1,7 @@
 #include "manage_dialog.h"
 
+#include "admin/answer_text.h"
 #include "admin/controller_catalogue.h"
-#include "live/live_data.h"
 
 #include <QComboBox>
 #include <QFormLayout>
@@ -126,13 +126,8 @@ void ManageDialog::run(const QString& command, const QJsonObject& args,
 
 QString ManageDialog::statusLines(const PortalResult& result)
 {
-    QStringList lines;
-    for (auto it = result.data.begin(); it != result.data.end(); ++it) {
-        if (it->isObject() || it->isArray())
-            continue;
-        lines.append(QStringLiteral("%1: %2").arg(it.key(), LiveData::valueText(*it)));
-    }
-    return lines.isEmpty() ? QStringLiteral("The device answered.") : lines.join(QLatin1Char('\n'));
+    const QString lines = answerLines(result.data);
+    return lines.isEmpty() ? QStringLiteral("The device answered.") : lines;
 }
 
 void ManageDialog::waitFor(const QString& text)

@@ -307,6 +307,15 @@ void App::addRelay(CloudRelay* relay)
     Q_EMIT usbRelaysChanged();
 }
 
+void App::setShareConnection(bool share)
+{
+    m_settings.setShareConnection(share);
+    for (const QPointer<CloudRelay>& relay : std::as_const(m_relays)) {
+        if (relay)
+            relay->setShareConnection(share);
+    }
+}
+
 QStringList App::relayStatusLines() const
 {
     QStringList lines;

@@ -103,6 +103,9 @@ public:
 
     // A USB link's cloud relay now shares (or may share) this computer's internet.
     void addRelay(CloudRelay* relay);
+    // Whether USB devices may reach the cloud through this computer: remembered, and applied to
+    // every relay at once.
+    void setShareConnection(bool share);
     // One line per live relay, e.g. "USB device: ready, waiting for the device".
     QStringList relayStatusLines() const;
 

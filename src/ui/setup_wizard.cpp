@@ -158,7 +158,7 @@ void SetupWizard::buildDevicePages()
     }
     m_steps << new WirelessPanel(session);
     if (!session->isReceiverMode()) {
-        m_steps << new WizardLocalFeedPage(session, &m_app->settings(), m_typedHost)
+        m_steps << new WizardLocalFeedPage(session, &m_app->settings())
                 << new WizardCloudPage(m_app, session,
                                        m_typedHost.isEmpty() ? QStringLiteral("manual")
                                                              : QStringLiteral("lan"));

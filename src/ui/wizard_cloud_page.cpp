@@ -2,7 +2,6 @@
 
 #include "core/app.h"
 #include "panel_style.h"
-#include "wizard_local_feed_page.h"
 
 #include <QLabel>
 #include <QLineEdit>
@@ -53,11 +52,11 @@ void WizardCloudPage::addToAccount()
     m_add->setEnabled(false);
     showMessage(m_message, tr("Adding the device to your account…"), false);
     QPointer<WizardCloudPage> self(this);
-    fetchDeviceId(m_session, [self](const RpcResult& result, const QString& id) {
+    m_session->getDeviceId([self](const RpcResult& result, const QString& id) {
         if (!self)
             return;
-        if (id.isEmpty())
-            return self->fail(result.ok ? tr("The device did not tell its id.") : result.message);
+        if (!result.ok)
+            return self->fail(result.message);
         const QString code = self->m_code->text().trimmed();
         self->m_app->portal().linkDevice(id, self->m_via, code, [self](const PortalResult& linked) {
             if (!self)
