@@ -1,5 +1,6 @@
 #include "admin_panel.h"
 
+#include "admin/answer_text.h"
 #include "panel_style.h"
 
 #include <QLabel>
@@ -42,9 +43,40 @@ void AdminPanel::registerAction(QPushButton* button)
     button->setEnabled(sessionReady() && !m_busy);
 }
 
+QLabel* AdminPanel::addAnswerLabel(const QString& objectName)
+{
+    QLabel* label = wrappedLabel(objectName);
+    label->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    m_body->addWidget(label);
+    return label;
+}
+
 bool AdminPanel::sessionReady() const
 {
     return m_session && m_session->state() == DeviceSession::State::Ready;
+}
+
+void AdminPanel::ask(const QString& method, const QJsonObject& params, const QString& progress,
+                     std::function<void(const RpcResult&)> then, int timeoutMs)
+{
+    if (!canStart())
+        return;
+    begin(progress);
+    m_session->request(method, params,
+                       timeoutMs > 0 ? timeoutMs : m_session->settings().requestTimeoutMs,
+                       guarded(std::move(then)));
+}
+
+void AdminPanel::askAndShow(const QString& method, const QString& progress, QLabel* label,
+                            int timeoutMs)
+{
+    ask(
+        method, {}, progress,
+        [this, label](const RpcResult& result) {
+            if (settle(result))
+                label->setText(answerLines(result.result));
+        },
+        timeoutMs);
 }
 
 void AdminPanel::begin(const QString& progress)
@@ -74,15 +106,6 @@ bool AdminPanel::stillConnected()
         return true;
     fail(QStringLiteral("The connection to the device was lost"));
     return false;
-}
-
-bool AdminPanel::settle(const RpcResult& result, const QString& success)
-{
-    if (result.ok)
-        succeed(success);
-    else
-        fail(result.message);
-    return result.ok;
 }
 
 void AdminPanel::followState(DeviceSession::State state)

@@ -33,8 +33,21 @@ protected:
     QVBoxLayout* body() const { return m_body; }
     QPushButton* addAction(const QString& text, const char* objectName);
     void registerAction(QPushButton* button);
+    // A label below the last widget for what the device answers, selectable for copying.
+    QLabel* addAnswerLabel(const QString& objectName);
     // True while requests can be sent: a session that is signed in.
     bool sessionReady() const;
+    // True when a new request may start: signed in, and nothing else running.
+    bool canStart() const { return sessionReady() && !m_busy; }
+
+    // Starts `method` with `params` when a request may start, saying `progress` meanwhile;
+    // `then` gets the answer unless this panel is gone by then. The time-out is the session's
+    // usual one unless given.
+    void ask(const QString& method, const QJsonObject& params, const QString& progress,
+             std::function<void(const RpcResult&)> then, int timeoutMs = 0);
+    // The same for a question whose answer is shown as "key: value" lines in `label`.
+    void askAndShow(const QString& method, const QString& progress, QLabel* label,
+                    int timeoutMs = 0);
 
     // A request starts: the actions wait and the status line says what is going on.
     void begin(const QString& progress);
@@ -45,8 +58,16 @@ protected:
     // Between the steps of a longer request: false (and the request failed) when the session is
     // gone.
     bool stillConnected();
-    // Ends the request as the result says; true when it succeeded.
-    bool settle(const RpcResult& result, const QString& success = {});
+    // Ends the request as its answer (from the device or the portal) says; true when it
+    // succeeded.
+    template <typename Result> bool settle(const Result& result, const QString& success = {})
+    {
+        if (result.ok)
+            succeed(success);
+        else
+            fail(result.message);
+        return result.ok;
+    }
 
     // Wraps a completion so that an answer arriving after this panel was deleted is dropped.
     template <typename F> auto guarded(F&& f)

@@ -10,18 +10,20 @@ namespace vantorelle {
 AdvancedPanel::AdvancedPanel(DeviceSession* session, QWidget* parent)
     : AdminPanel(session, "advancedPanel", QStringLiteral("Advanced"), parent)
 {
-    QPushButton* restart = addAction(QStringLiteral("Restart device"), "restartDevice");
-    body()->addWidget(restart);
+    // A wireless receiver restarts through its own settings below.
+    if (!session || !session->isReceiverMode()) {
+        QPushButton* restart = addAction(QStringLiteral("Restart device"), "restartDevice");
+        body()->addWidget(restart);
+        connect(restart, &QPushButton::clicked, this, &AdvancedPanel::restartDevice);
+    }
     m_wireless = new WirelessPanel(session);
     body()->addWidget(m_wireless);
     body()->addStretch();
-
-    connect(restart, &QPushButton::clicked, this, &AdvancedPanel::restartDevice);
 }
 
 void AdvancedPanel::restartDevice()
 {
-    if (!sessionReady() || isBusy())
+    if (!canStart() || session()->isReceiverMode())
         return;
     begin(QStringLiteral("Restarting the device…"));
     session()->reboot(guarded([this](const RpcResult& result) {

@@ -57,7 +57,7 @@ ControllerPanel::ControllerPanel(DeviceSession* session, QWidget* parent)
 
 void ControllerPanel::load()
 {
-    if (!sessionReady() || isBusy())
+    if (!canStart())
         return;
     begin(QStringLiteral("Reading the scoreboard controllers…"));
     session()->listControllers(
@@ -79,7 +79,7 @@ void ControllerPanel::load()
 
 void ControllerPanel::apply()
 {
-    if (!sessionReady() || isBusy())
+    if (!canStart())
         return;
     const ControllerChoice choice = chosen();
     if (choice.manufacturer.isEmpty()) {

@@ -6,24 +6,22 @@
 
 #include <memory>
 
+class QLabel;
 class QTabWidget;
 
 namespace vantorelle {
 
-class AdvancedPanel;
-class ControllerPanel;
-class SettingsPanel;
-class StatusPanel;
-class WifiPanel;
+class App;
 
-// Everything that can be done to one signed-in device, one tab per concern. The dialog shares
-// the session so it stays alive for as long as the panels drive it.
+// Everything that can be done to one signed-in device, one tab per concern; a wireless
+// receiver gets its own settings only. The dialog shares the session so it stays alive for as
+// long as the panels drive it.
 class DeviceManager : public QDialog
 {
     Q_OBJECT
 
 public:
-    DeviceManager(std::shared_ptr<DeviceSession> session, const QString& name,
+    DeviceManager(App* app, std::shared_ptr<DeviceSession> session, const QString& name,
                   QWidget* parent = nullptr);
     ~DeviceManager() override;
 
@@ -31,7 +29,10 @@ public:
     QTabWidget* tabs() const { return m_tabs; }
 
 private:
+    void followState(DeviceSession::State state, const QString& detail);
+
     std::shared_ptr<DeviceSession> m_session;
+    QLabel* m_state = nullptr;
     QTabWidget* m_tabs = nullptr;
 };
 

@@ -155,7 +155,7 @@ void DevicePanel::openDeviceManager()
     const SourceManager* sources = m_app->sourceManager();
     if (!sources->session())
         return;
-    auto* manager = new DeviceManager(sources->session(), sources->deviceName(), this);
+    auto* manager = new DeviceManager(m_app, sources->session(), sources->deviceName(), this);
     manager->setAttribute(Qt::WA_DeleteOnClose);
     manager->show();
 }

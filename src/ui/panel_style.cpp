@@ -20,12 +20,17 @@ void showMessage(QLabel* label, const QString& text, bool failure)
     label->setVisible(!text.isEmpty());
 }
 
+QLabel* heading(const QString& text)
+{
+    return new QLabel(QStringLiteral("<b>%1</b>").arg(text.toHtmlEscaped()));
+}
+
 QVBoxLayout* sectionLayout(QWidget* section, const char* objectName, const QString& title)
 {
     section->setObjectName(QLatin1String(objectName));
     auto* layout = new QVBoxLayout(section);
     layout->setContentsMargins(0, 0, 0, 0);
-    layout->addWidget(new QLabel(QStringLiteral("<b>%1</b>").arg(title.toHtmlEscaped())));
+    layout->addWidget(heading(title));
     return layout;
 }
 

@@ -2,8 +2,6 @@
 
 #include "admin_panel.h"
 
-#include <QJsonObject>
-
 class QLabel;
 class QPushButton;
 
@@ -19,9 +17,6 @@ public:
 
     void refresh();
     void runNetworkTest();
-
-    // One "key: value" line per plain member; nested objects and arrays are left out.
-    static QString describe(const QJsonObject& object);
 
 private:
     void sessionBecameReady() override { refresh(); }

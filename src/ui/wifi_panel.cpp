@@ -41,7 +41,7 @@ WifiPanel::WifiPanel(DeviceSession* session, QWidget* parent)
 
 void WifiPanel::scan()
 {
-    if (!sessionReady() || isBusy())
+    if (!canStart())
         return;
     begin(QStringLiteral("Looking for networks…"));
     session()->scanWifi(
@@ -66,7 +66,7 @@ void WifiPanel::showNetworks(const QList<WifiNetwork>& networks)
 
 void WifiPanel::join()
 {
-    if (!sessionReady() || isBusy())
+    if (!canStart())
         return;
     const QString ssid = m_name->text().trimmed();
     if (ssid.isEmpty()) {

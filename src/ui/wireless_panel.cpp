@@ -1,5 +1,6 @@
 #include "wireless_panel.h"
 
+#include "admin/answer_text.h"
 #include "panel_style.h"
 
 #include <QCheckBox>
@@ -65,8 +66,15 @@ void WirelessPanel::buildReceiver()
     QPushButton* apply = addAction(QStringLiteral("Apply"), "applyReceiver");
     body()->addWidget(generate);
     body()->addWidget(apply);
+    QPushButton* status = addAction(QStringLiteral("Read status"), "readReceiverStatus");
+    body()->addWidget(status);
+    m_receiverStatus = addAnswerLabel(QStringLiteral("receiverStatus"));
+    QPushButton* restart = addAction(QStringLiteral("Restart receiver"), "restartReceiver");
+    body()->addWidget(restart);
     connect(generate, &QPushButton::clicked, this, &WirelessPanel::generateReceiverKey);
     connect(apply, &QPushButton::clicked, this, &WirelessPanel::applyReceiver);
+    connect(status, &QPushButton::clicked, this, &WirelessPanel::readReceiverStatus);
+    connect(restart, &QPushButton::clicked, this, &WirelessPanel::restartReceiver);
 }
 
 void WirelessPanel::buildDevice()
@@ -86,10 +94,8 @@ void WirelessPanel::buildDevice()
     QPushButton* off = addAction(QStringLiteral("Turn off"), "turnOffWireless");
     body()->addWidget(send);
     body()->addWidget(off);
-    m_generatedKey = wrappedLabel(QStringLiteral("generatedKey"));
-    m_generatedKey->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    m_generatedKey = addAnswerLabel(QStringLiteral("generatedKey"));
     m_generatedKey->setVisible(false);
-    body()->addWidget(m_generatedKey);
     connect(send, &QPushButton::clicked, this, &WirelessPanel::sendToReceiver);
     connect(off, &QPushButton::clicked, this, &WirelessPanel::turnOff);
 }
@@ -102,7 +108,7 @@ void WirelessPanel::sessionBecameReady()
 
 void WirelessPanel::generateReceiverKey()
 {
-    if (!m_receiver || !sessionReady() || isBusy())
+    if (!m_receiver || !canStart())
         return;
     begin(QStringLiteral("Asking the receiver for a new key…"));
     m_receiver->setReceiver(
@@ -115,7 +121,7 @@ void WirelessPanel::generateReceiverKey()
 
 void WirelessPanel::applyReceiver()
 {
-    if (!m_receiver || !sessionReady() || isBusy())
+    if (!m_receiver || !canStart())
         return;
     const std::optional<int> channel =
         m_channel->value() > 0 ? std::optional<int>(m_channel->value()) : std::nullopt;
@@ -125,6 +131,31 @@ void WirelessPanel::applyReceiver()
                                 receiverAnswered(ok, key, error,
                                                  QStringLiteral("The receiver took the settings."));
                             }));
+}
+
+void WirelessPanel::readReceiverStatus()
+{
+    if (!m_receiver || !canStart())
+        return;
+    begin(QStringLiteral("Asking the receiver for its status…"));
+    m_receiver->requestReceiverStatus(
+        guarded([this](bool ok, const QString& key, const QString& error) {
+            if (ok && m_receiver)
+                m_receiverStatus->setText(answerLines(m_receiver->deviceInfo()));
+            receiverAnswered(ok, key, error, {});
+        }));
+}
+
+void WirelessPanel::restartReceiver()
+{
+    if (!m_receiver || !canStart())
+        return;
+    begin(QStringLiteral("Restarting the receiver…"));
+    m_receiver->rebootReceiver(guarded([this](bool ok, const QString& key, const QString& error) {
+        receiverAnswered(ok, key, error,
+                         QStringLiteral("The receiver is restarting. It will be back in a "
+                                        "moment."));
+    }));
 }
 
 void WirelessPanel::receiverAnswered(bool ok, const QString&, const QString& error,
@@ -138,7 +169,7 @@ void WirelessPanel::receiverAnswered(bool ok, const QString&, const QString& err
 
 void WirelessPanel::readLink()
 {
-    if (isForReceiver() || !sessionReady() || isBusy())
+    if (isForReceiver() || !canStart())
         return;
     begin(QStringLiteral("Reading the wireless link…"));
     session()->wirelessLink(guarded([this](const RpcResult& result, const WirelessLink& link) {
@@ -149,7 +180,7 @@ void WirelessPanel::readLink()
 
 void WirelessPanel::sendToReceiver()
 {
-    if (isForReceiver() || !sessionReady() || isBusy())
+    if (isForReceiver() || !canStart())
         return;
     const QString peer = m_peer->text().trimmed();
     if (peer.isEmpty()) {
@@ -173,7 +204,7 @@ void WirelessPanel::sendToReceiver()
 
 void WirelessPanel::turnOff()
 {
-    if (isForReceiver() || !sessionReady() || isBusy())
+    if (isForReceiver() || !canStart())
         return;
     begin(QStringLiteral("Turning the wireless link off…"));
     session()->disableEspNowSender(guarded([this](const RpcResult& result) {

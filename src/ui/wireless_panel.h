@@ -13,8 +13,8 @@ class QSpinBox;
 namespace vantorelle {
 
 // The radio link between a device and a wireless receiver. On a receiver's own USB link it sets
-// the receiver's key and channel; on a device it shows the link and starts or stops sending the
-// scores to a receiver.
+// the receiver's key and channel, reads its status and restarts it; on a device it shows the link
+// and starts or stops sending the scores to a receiver.
 class WirelessPanel : public AdminPanel
 {
     Q_OBJECT
@@ -27,6 +27,8 @@ public:
     // Receiver: ask it for a new key; apply the typed key and channel.
     void generateReceiverKey();
     void applyReceiver();
+    void readReceiverStatus();
+    void restartReceiver();
     // Device: read its link; send to the receiver at the typed address; stop sending.
     void readLink();
     void sendToReceiver();
@@ -42,6 +44,7 @@ private:
     QPointer<UsbLink> m_receiver;
     QLineEdit* m_key = nullptr;
     QSpinBox* m_channel = nullptr;
+    QLabel* m_receiverStatus = nullptr;
     QLabel* m_linkState = nullptr;
     QLineEdit* m_peer = nullptr;
     QCheckBox* m_generateKey = nullptr;

@@ -1,6 +1,7 @@
 #include "wizard_sign_in_page.h"
 
 #include "panel_style.h"
+#include "password_change_form.h"
 
 #include <QLabel>
 #include <QLineEdit>
@@ -20,21 +21,14 @@ WizardSignInPage::WizardSignInPage(QWidget* parent) : QWidget(parent)
     m_passwordForm = new QWidget;
     auto* passwordLayout = new QVBoxLayout(m_passwordForm);
     passwordLayout->setContentsMargins(0, 0, 0, 0);
-    m_password = addPasswordField(m_passwordForm, "passwordEdit", tr("Admin password"));
+    m_password = passwordField("passwordEdit", tr("Admin password"));
+    passwordLayout->addWidget(m_password);
     auto* signInButton = new QPushButton(tr("Sign in"));
     signInButton->setObjectName(QStringLiteral("signInButton"));
     passwordLayout->addWidget(signInButton, 0, Qt::AlignLeft);
     layout->addWidget(m_passwordForm);
 
-    m_changeForm = new QWidget;
-    auto* changeLayout = new QVBoxLayout(m_changeForm);
-    changeLayout->setContentsMargins(0, 0, 0, 0);
-    m_current = addPasswordField(m_changeForm, "currentPasswordEdit", tr("Current password"));
-    m_new = addPasswordField(m_changeForm, "newPasswordEdit", tr("New password"));
-    m_confirm = addPasswordField(m_changeForm, "confirmPasswordEdit", tr("New password again"));
-    auto* changeButton = new QPushButton(tr("Change password"));
-    changeButton->setObjectName(QStringLiteral("changePasswordButton"));
-    changeLayout->addWidget(changeButton, 0, Qt::AlignLeft);
+    m_changeForm = new PasswordChangeForm;
     layout->addWidget(m_changeForm);
 
     m_message = wrappedLabel(QStringLiteral("signInMessage"));
@@ -46,20 +40,9 @@ WizardSignInPage::WizardSignInPage(QWidget* parent) : QWidget(parent)
 
     connect(signInButton, &QPushButton::clicked, this, &WizardSignInPage::signIn);
     connect(m_password, &QLineEdit::returnPressed, this, &WizardSignInPage::signIn);
-    connect(changeButton, &QPushButton::clicked, this, &WizardSignInPage::changePassword);
+    connect(m_changeForm, &PasswordChangeForm::submitted, this, &WizardSignInPage::changePassword);
     connect(again, &QPushButton::clicked, this, &WizardSignInPage::startOver);
     showState(State::SigningIn, {});
-}
-
-QLineEdit* WizardSignInPage::addPasswordField(QWidget* form, const char* objectName,
-                                              const QString& label)
-{
-    auto* edit = new QLineEdit;
-    edit->setObjectName(QLatin1String(objectName));
-    edit->setEchoMode(QLineEdit::Password);
-    edit->setPlaceholderText(label);
-    form->layout()->addWidget(edit);
-    return edit;
 }
 
 void WizardSignInPage::follow(DeviceSession* session)
@@ -80,7 +63,7 @@ void WizardSignInPage::showState(State state, const QString& detail)
     case State::NeedsNewPassword:
         m_progress->setText(
             tr("The device asks for a new admin password before it can be set up."));
-        m_current->setText(m_session ? m_session->password() : QString());
+        m_changeForm->setCurrent(m_session ? m_session->password() : QString());
         showMessage(m_message, {}, false);
         return;
     case State::Error:
@@ -114,14 +97,12 @@ void WizardSignInPage::signIn()
 
 void WizardSignInPage::changePassword()
 {
-    if (m_new->text().isEmpty())
-        return showMessage(m_message, tr("Enter a new password."), true);
-    if (m_new->text() != m_confirm->text())
-        return showMessage(m_message, tr("The new passwords do not match."), true);
+    if (const QString problem = m_changeForm->problem(); !problem.isEmpty())
+        return showMessage(m_message, problem, true);
     if (!m_session)
         return;
     showMessage(m_message, tr("Changing the password…"), false);
-    m_session->changePassword(m_current->text(), m_new->text(),
+    m_session->changePassword(m_changeForm->current(), m_changeForm->next(),
                               [self = QPointer<WizardSignInPage>(this)](const RpcResult& result) {
                                   // Success moves the session on, and the wizard with it.
                                   if (self && !result.ok)

@@ -11,6 +11,8 @@ class QPushButton;
 
 namespace vantorelle {
 
+class PasswordChangeForm;
+
 // The setup wizard's sign-in step. It follows the session: progress while signing in, a
 // password form when the device wants one, a change-password form when the device insists on a
 // new password, and the reason when signing in failed.
@@ -32,17 +34,13 @@ private:
     void signIn();
     void changePassword();
     QString refusal() const;
-    QLineEdit* addPasswordField(QWidget* form, const char* objectName, const QString& label);
 
     QPointer<DeviceSession> m_session;
     bool m_triedPassword = false; // the user gave a password on this connection
     QLabel* m_progress = nullptr;
     QWidget* m_passwordForm = nullptr;
     QLineEdit* m_password = nullptr;
-    QWidget* m_changeForm = nullptr;
-    QLineEdit* m_current = nullptr;
-    QLineEdit* m_new = nullptr;
-    QLineEdit* m_confirm = nullptr;
+    PasswordChangeForm* m_changeForm = nullptr;
     QLabel* m_message = nullptr;
 };
 
