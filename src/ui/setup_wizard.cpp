@@ -222,7 +222,8 @@ QString SetupWizard::deviceName() const
         if (!value.isEmpty())
             return value;
     }
-    return tr("the Vantorelle device");
+    return m_session && m_session->isReceiverMode() ? tr("the wireless receiver")
+                                                    : tr("the Vantorelle device");
 }
 
 void SetupWizard::finish()

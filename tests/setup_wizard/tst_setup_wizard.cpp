@@ -9,6 +9,7 @@
 #include "sim/usb_device.h"
 #include "ui/setup_wizard.h"
 
+#include <QComboBox>
 #include <QDir>
 #include <QJsonDocument>
 #include <QLabel>
@@ -17,6 +18,7 @@
 #include <QPointer>
 #include <QPushButton>
 #include <QRadioButton>
+#include <QSpinBox>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -56,6 +58,8 @@ private Q_SLOTS:
     void networkAddress_data();
     void networkAddress();
     void localFeedStoredInSettings();
+    void usbDeviceJoinsWifiThenFeedsTheNetwork();
+    void receiverKeyGenerated();
     void addedToPortalAccount();
     void finishIntoLiveData();
 
@@ -304,6 +308,76 @@ void TestSetupWizard::localFeedStoredInSettings()
     QCOMPARE(saved.value("token").toString(), token);
     QCOMPARE(saved.value("name").toString(), kDeviceName);
     savePicture(m_wizard.get(), "local_feed_stored");
+}
+
+// Over the cable: the device joins Wi-Fi (a wrong password first), reads another controller,
+// and its local-network live data then uses the address it got on Wi-Fi.
+void TestSetupWizard::usbDeviceJoinsWifiThenFeedsTheNetwork()
+{
+    makeWizard();
+    connectUsb(m_usb->portPath());
+    signIn(QStringLiteral("admin"));
+    QTRY_COMPARE(pageName(), QStringLiteral("wifiPanel"));
+    QTRY_VERIFY(widget<QPushButton>("scanWifi")->isEnabled());
+    click("scanWifi");
+    auto* networks = widget<QListWidget>("networkList");
+    QTRY_COMPARE(networks->count(), 4);
+    networks->setCurrentRow(0);
+    widget<QLineEdit>("wifiPassword")->setText(QStringLiteral("short"));
+    click("joinWifi");
+    QLabel* wifiMessage = m_wizard->currentPage()->findChild<QLabel*>("panelMessage");
+    QTRY_COMPARE(wifiMessage->text(), QStringLiteral("The device could not join Arena-Staff: "
+                                                     "wrong password. Check the password and "
+                                                     "try again."));
+    widget<QLineEdit>("wifiPassword")->setText(QStringLiteral("puck-drop-7"));
+    click("joinWifi");
+    QTRY_COMPARE(wifiMessage->text(), QStringLiteral("Joined Arena-Staff (192.168.1.57)."));
+
+    goToPage("controllerPanel");
+    auto* manufacturer = widget<QComboBox>("controllerManufacturer");
+    QTRY_VERIFY(manufacturer->count() > 1);
+    const int other = manufacturer->currentIndex() == 0 ? 1 : 0;
+    manufacturer->setCurrentIndex(other);
+    Q_EMIT manufacturer->activated(other);
+    click("setController");
+    QTRY_COMPARE(m_usb->admin()->controller().value("manufacturer").toString(),
+                 manufacturer->currentData().toString());
+
+    goToPage("localFeedPage");
+    click("enableLiveData");
+    QTRY_VERIFY(widget("localFeedMessage")->text().startsWith(QStringLiteral("Stored for")));
+    const LanEntry lan = m_app->settings().lanEntry(kDeviceId);
+    QCOMPARE(lan.host, QStringLiteral("192.168.1.57"));
+    QCOMPARE(lan.token, m_usb->admin()->apiToken());
+}
+
+// The port belongs to a wireless receiver: no sign-in, and only the receiver's settings.
+void TestSetupWizard::receiverKeyGenerated()
+{
+    m_usb->setRole(sim::UsbDevice::Role::Receiver);
+    makeWizard();
+    connectUsb(m_usb->portPath());
+    QTRY_COMPARE(pageName(), QStringLiteral("wirelessPanel"));
+    QVERIFY(!m_usb->admin()->methodsSeen().contains(QStringLiteral("login")));
+    QTRY_VERIFY(widget<QPushButton>("generateReceiverKey")->isEnabled());
+    click("generateReceiverKey");
+    QTRY_VERIFY(!m_usb->receiverKey().isEmpty());
+    QTRY_COMPARE(widget<QLineEdit>("receiverKey")->text(), m_usb->receiverKey());
+    QLabel* shown = m_wizard->currentPage()->findChild<QLabel*>("panelMessage");
+    QCOMPARE(shown->text(), QStringLiteral("The receiver's new key: %1").arg(m_usb->receiverKey()));
+    widget<QSpinBox>("receiverChannel")->setValue(11);
+    click("applyReceiver");
+    QTRY_COMPARE(m_usb->receiverChannel(), 11);
+    savePicture(m_wizard.get(), "receiver");
+
+    // The receiver hands on what the paired device sends.
+    goToPage("finishPage");
+    click("useForLiveData");
+    SourceManager* manager = m_app->sourceManager();
+    QCOMPARE(manager->status(),
+             QStringLiteral("Connected to Vantorelle Receiver, waiting for scoreboard data"));
+    m_usb->sendEnvelope({{"type", "state"}, {"fields", QJsonObject{{"home_score", 4}}}});
+    QTRY_COMPARE(m_app->live().value(QStringLiteral("home_score")), QStringLiteral("4"));
 }
 
 void TestSetupWizard::addedToPortalAccount()
