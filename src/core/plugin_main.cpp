@@ -4,6 +4,7 @@
 #include "core/log.h"
 #include "core/obs_compat.h"
 #include "core/version.h"
+#include "links/ble_helper_bridge.h"
 #include "obs/graphics_source.h"
 #include "obs/scene_actions.h"
 #include "obs/text_source.h"
@@ -64,6 +65,20 @@ void procSnapshot(void*, calldata_t* data)
     vantorelle::App* app = vantorelle::App::instance();
     const QByteArray line = app ? app->live().toJsonLine().trimmed() : QByteArray();
     calldata_set_string(data, "snapshot", line.constData());
+}
+
+// The Bluetooth helper lies in the plug-in's data folder; without it Bluetooth is not offered.
+void locateBluetoothHelper()
+{
+    vantorelle::BleHelperBridge& bridge = vantorelle::BleHelperBridge::instance();
+    const QByteArray name = vantorelle::BleHelperBridge::helperFileName().toUtf8();
+    bridge.setHelperPath(takeObsString(obs_find_module_file(obs_current_module(), name)));
+    if (bridge.helperPath().isEmpty())
+        blog(LOG_DEBUG, "[vantorelle] no Bluetooth helper (%s); Bluetooth is not offered",
+             name.constData());
+    else
+        blog(LOG_DEBUG, "[vantorelle] Bluetooth helper: %s",
+             bridge.helperPath().toUtf8().constData());
 }
 
 void registerProcedures()
@@ -137,6 +152,7 @@ bool obs_module_load(void)
     if (!vantorelle::App::instance())
         vantorelle::App::setInstance(new vantorelle::App(appEnvironment()));
     vantorelle::App* app = vantorelle::App::instance();
+    locateBluetoothHelper();
 
     vantorelle::registerTextSource();
     vantorelle::registerGraphicsSource();
@@ -151,6 +167,7 @@ void obs_module_unload(void)
 {
     vantorelle::compat::removeDock(kDockId);
     s_dock.clear();
+    vantorelle::BleHelperBridge::instance().shutdown();
 
     vantorelle::App* app = vantorelle::App::instance();
     vantorelle::App::setInstance(nullptr);

@@ -2,6 +2,7 @@
 
 #include "controller_panel.h"
 #include "core/app.h"
+#include "links/ble_link.h"
 #include "links/http_link.h"
 #include "panel_style.h"
 #include "wifi_panel.h"
@@ -20,6 +21,17 @@ namespace vantorelle {
 
 using State = DeviceSession::State;
 
+namespace {
+
+// How the account is told the device was found: at its address on the network, or by hand.
+QString foundAs(const DeviceLink* link)
+{
+    return link && link->kind() == QLatin1String("lan") ? QStringLiteral("lan")
+                                                        : QStringLiteral("manual");
+}
+
+} // namespace
+
 SetupWizard::SetupWizard(App* app, const SetupWizardSettings& settings, QWidget* parent)
     : QDialog(parent), m_app(app), m_settings(settings)
 {
@@ -28,7 +40,9 @@ SetupWizard::SetupWizard(App* app, const SetupWizardSettings& settings, QWidget*
     auto* layout = new QVBoxLayout(this);
     m_stack = new QStackedWidget;
     layout->addWidget(m_stack);
-    m_connection = new WizardConnectionPage(m_app->settings().lastUsbPort(), m_settings.listPorts);
+    m_connection = new WizardConnectionPage(m_app->settings().lastUsbPort(), m_settings.listPorts,
+                                            m_settings.bluetooth ? m_settings.bluetooth
+                                                                 : &BleHelperBridge::instance());
     m_signIn = new WizardSignInPage;
     m_stack->addWidget(m_connection);
     m_stack->addWidget(m_signIn);
@@ -48,6 +62,8 @@ SetupWizard::SetupWizard(App* app, const SetupWizardSettings& settings, QWidget*
 
     connect(m_connection, &WizardConnectionPage::usbChosen, this, &SetupWizard::openUsb);
     connect(m_connection, &WizardConnectionPage::networkChosen, this, &SetupWizard::openNetwork);
+    connect(m_connection, &WizardConnectionPage::bluetoothChosen, this,
+            &SetupWizard::openBluetooth);
     connect(m_signIn, &WizardSignInPage::startOver, this, &SetupWizard::startOver);
     // Closed without finishing: the device is let go, and a reopened wizard starts afresh.
     connect(this, &QDialog::rejected, this, &SetupWizard::startOver);
@@ -67,18 +83,19 @@ QWidget* SetupWizard::currentPage() const
 
 void SetupWizard::openUsb(const QString& port)
 {
-    m_usbPort = port;
-    m_typedHost.clear();
     start(new UsbLink(port, m_settings.usb));
 }
 
 void SetupWizard::openNetwork(const QString& host)
 {
-    m_usbPort.clear();
-    m_typedHost = host;
     auto* link = new HttpLink(host);
     link->setProbeTimeout(m_settings.probeTimeoutMs);
     start(link);
+}
+
+void SetupWizard::openBluetooth(const QString& address, const QString& name, const QString& passkey)
+{
+    start(new BleLink(address, name, passkey, m_settings.bluetooth));
 }
 
 // The link lives and dies with its session, which may outlive this wizard in the live data.
@@ -159,9 +176,7 @@ void SetupWizard::buildDevicePages()
     m_steps << new WirelessPanel(session);
     if (!session->isReceiverMode()) {
         m_steps << new WizardLocalFeedPage(session, &m_app->settings())
-                << new WizardCloudPage(m_app, session,
-                                       m_typedHost.isEmpty() ? QStringLiteral("manual")
-                                                             : QStringLiteral("lan"));
+                << new WizardCloudPage(m_app, session, foundAs(session->link()));
     }
     m_steps << buildFinishPage();
     for (QWidget* page : std::as_const(m_steps))

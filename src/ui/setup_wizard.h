@@ -26,7 +26,8 @@ struct SetupWizardSettings
     WizardConnectionPage::PortLister listPorts; // empty: the system's serial ports
     UsbLinkSettings usb;
     DeviceSessionSettings session;
-    int probeTimeoutMs = 8000; // a network device's first answer
+    int probeTimeoutMs = 8000;            // a network device's first answer
+    BleHelperBridge* bluetooth = nullptr; // null: the plug-in's bridge
 };
 
 // Sets up one device step by step: connect (USB or local network), sign in, the device's Wi-Fi,
@@ -49,6 +50,7 @@ public:
 private:
     void openUsb(const QString& port);
     void openNetwork(const QString& host);
+    void openBluetooth(const QString& address, const QString& name, const QString& passkey);
     void start(DeviceLink* link);
     void dropSession();
     void startOver();
@@ -63,8 +65,6 @@ private:
     App* m_app;
     SetupWizardSettings m_settings;
     std::shared_ptr<DeviceSession> m_session;
-    QString m_usbPort;   // set when connected over USB
-    QString m_typedHost; // set when connected over the network
     QString m_statusName;
     QStackedWidget* m_stack = nullptr;
     WizardConnectionPage* m_connection = nullptr;

@@ -7,6 +7,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
+#include <QPointer>
 #include <QPushButton>
 #include <QRadioButton>
 #include <QVBoxLayout>
@@ -14,10 +15,10 @@
 namespace vantorelle {
 
 WizardConnectionPage::WizardConnectionPage(const QString& lastPort, PortLister lister,
-                                           QWidget* parent)
+                                           BleHelperBridge* bluetooth, QWidget* parent)
     : QWidget(parent),
       m_lister(lister ? std::move(lister) : PortLister([] { return listSerialPorts(); })),
-      m_preferred(lastPort)
+      m_preferred(lastPort), m_bridge(bluetooth && bluetooth->isAvailable() ? bluetooth : nullptr)
 {
     QVBoxLayout* layout = sectionLayout(this, "connectionPage", tr("Connect to the device"));
     m_usb = new QRadioButton(tr("USB cable"));
@@ -27,6 +28,11 @@ WizardConnectionPage::WizardConnectionPage(const QString& lastPort, PortLister l
     m_usb->setChecked(true);
     layout->addWidget(m_usb);
     layout->addWidget(m_network);
+    if (m_bridge) {
+        m_bluetooth = new QRadioButton(tr("Bluetooth"));
+        m_bluetooth->setObjectName(QStringLiteral("useBluetooth"));
+        layout->addWidget(m_bluetooth);
+    }
 
     m_usbBox = new QWidget;
     auto* usbLayout = new QVBoxLayout(m_usbBox);
@@ -55,6 +61,11 @@ WizardConnectionPage::WizardConnectionPage(const QString& lastPort, PortLister l
     m_address->setObjectName(QStringLiteral("addressEdit"));
     networkLayout->addWidget(m_address);
     layout->addWidget(m_networkBox);
+    if (m_bridge) {
+        m_bluetoothBox = buildBluetoothBox();
+        layout->addWidget(m_bluetoothBox);
+        connect(m_bluetooth, &QRadioButton::toggled, this, &WizardConnectionPage::updateMode);
+    }
 
     m_connect = new QPushButton(tr("Connect"));
     m_connect->setObjectName(QStringLiteral("connectButton"));
@@ -67,6 +78,7 @@ WizardConnectionPage::WizardConnectionPage(const QString& lastPort, PortLister l
     connect(refresh, &QPushButton::clicked, this, &WizardConnectionPage::refreshPorts);
     connect(m_connect, &QPushButton::clicked, this, &WizardConnectionPage::openChosen);
     connect(m_usb, &QRadioButton::toggled, this, &WizardConnectionPage::updateMode);
+    connect(m_network, &QRadioButton::toggled, this, &WizardConnectionPage::updateMode);
     connect(m_address, &QLineEdit::returnPressed, this, &WizardConnectionPage::openChosen);
     refreshPorts();
     updateMode();
@@ -90,6 +102,59 @@ void WizardConnectionPage::refreshPorts()
     m_count->setText(tr("%1 USB port(s) found. Pick the Vantorelle device.").arg(ports.size()));
 }
 
+QWidget* WizardConnectionPage::buildBluetoothBox()
+{
+    auto* box = new QWidget;
+    auto* layout = new QVBoxLayout(box);
+    layout->setContentsMargins(0, 0, 0, 0);
+    m_bleCount = wrappedLabel(QStringLiteral("bluetoothCount"));
+    m_bleCount->setText(tr("Keep the device within a few metres of this computer, then scan."));
+    layout->addWidget(m_bleCount);
+    m_bleDevices = new QListWidget;
+    m_bleDevices->setObjectName(QStringLiteral("bluetoothList"));
+    layout->addWidget(m_bleDevices);
+    m_scan = new QPushButton(tr("Scan"));
+    m_scan->setObjectName(QStringLiteral("scanBluetooth"));
+    layout->addWidget(m_scan, 0, Qt::AlignLeft);
+    m_passkey = new QLineEdit;
+    m_passkey->setObjectName(QStringLiteral("blePasskeyEdit"));
+    m_passkey->setPlaceholderText(tr("Pairing passkey, if the device asks for one"));
+    layout->addWidget(m_passkey);
+    connect(m_scan, &QPushButton::clicked, this, &WizardConnectionPage::scanBluetooth);
+    return box;
+}
+
+void WizardConnectionPage::scanBluetooth()
+{
+    if (!m_bridge)
+        return;
+    m_scan->setEnabled(false);
+    showMessage(m_message, tr("Looking for Bluetooth devices…"), false);
+    m_bridge->scan([self = QPointer<WizardConnectionPage>(this)](const RpcResult& result,
+                                                                 const QList<BleDevice>& devices) {
+        if (!self)
+            return;
+        self->m_scan->setEnabled(true);
+        showMessage(self->m_message, result.ok ? QString() : result.message, !result.ok);
+        if (result.ok)
+            self->showBluetoothDevices(devices);
+    });
+}
+
+void WizardConnectionPage::showBluetoothDevices(const QList<BleDevice>& devices)
+{
+    m_bleDevices->clear();
+    for (const BleDevice& device : devices) {
+        auto* item = new QListWidgetItem(
+            tr("%1 (%2, %3 dBm)").arg(device.name, device.address).arg(device.rssi), m_bleDevices);
+        item->setData(Qt::UserRole, device.address);
+        item->setData(Qt::UserRole + 1, device.name);
+    }
+    if (!devices.isEmpty())
+        m_bleDevices->setCurrentRow(0); // the strongest signal comes first
+    m_bleCount->setText(tr("%1 Bluetooth device(s) found.").arg(devices.size()));
+}
+
 void WizardConnectionPage::setWaiting(bool waiting)
 {
     m_connect->setEnabled(!waiting);
@@ -105,6 +170,14 @@ void WizardConnectionPage::showFailure(const QString& sentence)
 
 void WizardConnectionPage::openChosen()
 {
+    if (m_bluetooth && m_bluetooth->isChecked()) {
+        QListWidgetItem* item = m_bleDevices->currentItem();
+        if (!item)
+            return showFailure(tr("Scan, then pick a Bluetooth device first."));
+        return Q_EMIT bluetoothChosen(item->data(Qt::UserRole).toString(),
+                                      item->data(Qt::UserRole + 1).toString(),
+                                      m_passkey->text().trimmed());
+    }
     if (m_usb->isChecked()) {
         QListWidgetItem* item = m_ports->currentItem();
         if (!item)
@@ -122,7 +195,9 @@ void WizardConnectionPage::openChosen()
 void WizardConnectionPage::updateMode()
 {
     m_usbBox->setVisible(m_usb->isChecked());
-    m_networkBox->setVisible(!m_usb->isChecked());
+    m_networkBox->setVisible(m_network->isChecked());
+    if (m_bluetoothBox)
+        m_bluetoothBox->setVisible(m_bluetooth->isChecked());
     showMessage(m_message, {}, false);
 }
 

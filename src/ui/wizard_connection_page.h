@@ -1,5 +1,6 @@
 #pragma once
 
+#include "links/ble_helper_bridge.h"
 #include "links/serial_port.h"
 
 #include <QList>
@@ -16,8 +17,9 @@ class QRadioButton;
 
 namespace vantorelle {
 
-// The first step of the setup wizard: how the computer reaches the device. Either a USB port
-// from the list, or an address on the local network that the user types.
+// The first step of the setup wizard: how the computer reaches the device. A USB port from the
+// list, an address on the local network that the user types, or, when the Bluetooth helper is
+// there, a device found over Bluetooth.
 class WizardConnectionPage : public QWidget
 {
     Q_OBJECT
@@ -25,9 +27,12 @@ class WizardConnectionPage : public QWidget
 public:
     using PortLister = std::function<QList<UsbPortInfo>()>;
 
-    WizardConnectionPage(const QString& lastPort, PortLister lister, QWidget* parent = nullptr);
+    // `bluetooth` null or without its helper: Bluetooth is not offered.
+    WizardConnectionPage(const QString& lastPort, PortLister lister, BleHelperBridge* bluetooth,
+                         QWidget* parent = nullptr);
 
     void refreshPorts();
+    void scanBluetooth();
     // Opening runs: the page waits and says so.
     void setWaiting(bool waiting);
     // Opening failed: the sentence in red and the page usable again.
@@ -37,17 +42,27 @@ Q_SIGNALS:
     void usbChosen(const QString& port);
     // `host` is already normalised.
     void networkChosen(const QString& host);
+    void bluetoothChosen(const QString& address, const QString& name, const QString& passkey);
 
 private:
     void openChosen();
     void updateMode();
+    QWidget* buildBluetoothBox();
+    void showBluetoothDevices(const QList<BleDevice>& devices);
 
     PortLister m_lister;
     QString m_preferred;
     QRadioButton* m_usb = nullptr;
     QRadioButton* m_network = nullptr;
+    QRadioButton* m_bluetooth = nullptr;
     QWidget* m_usbBox = nullptr;
     QWidget* m_networkBox = nullptr;
+    QWidget* m_bluetoothBox = nullptr;
+    BleHelperBridge* m_bridge = nullptr; // set only when Bluetooth is offered
+    QListWidget* m_bleDevices = nullptr;
+    QLabel* m_bleCount = nullptr;
+    QPushButton* m_scan = nullptr;
+    QLineEdit* m_passkey = nullptr;
     QListWidget* m_ports = nullptr;
     QLabel* m_count = nullptr;
     QLineEdit* m_address = nullptr;

@@ -151,6 +151,9 @@ void TestObsModule::exportsAndLoadLine()
         QString::fromUtf8(obs_get_module_description(m_obs.plugin())),
         QStringLiteral("Live Vantorelle scoreboard data, graphics and device setup inside OBS."));
     QVERIFY(m_obs.logContains("[vantorelle] loading plugin 1.0.1"));
+    // The staged plug-in has no Bluetooth helper beside it.
+    QVERIFY(m_obs.logContains("[vantorelle] no Bluetooth helper (vantorelle-ble-helper); "
+                              "Bluetooth is not offered"));
 }
 
 void TestObsModule::leftoversOfAnUpdateAreRemoved()

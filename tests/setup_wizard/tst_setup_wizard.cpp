@@ -3,6 +3,7 @@
 #include "common/app_support.h"
 #include "common/test_support.h"
 #include "core/app.h"
+#include "links/ble_helper_bridge.h"
 #include "sim/admin_responder.h"
 #include "sim/lan_device.h"
 #include "sim/portal_server.h"
@@ -60,11 +61,12 @@ private Q_SLOTS:
     void localFeedStoredInSettings();
     void usbDeviceJoinsWifiThenFeedsTheNetwork();
     void receiverKeyGenerated();
+    void bluetoothOnlyWithItsHelper();
     void addedToPortalAccount();
     void finishIntoLiveData();
 
 private:
-    void makeWizard(QList<UsbPortInfo> extraPorts = {});
+    void makeWizard(QList<UsbPortInfo> extraPorts = {}, BleHelperBridge* bluetooth = nullptr);
     void connectUsb(const QString& port);
     void connectNetwork(const QString& typed);
     void signIn(const QString& password);
@@ -107,9 +109,10 @@ void TestSetupWizard::cleanup()
     m_portal.reset();
 }
 
-void TestSetupWizard::makeWizard(QList<UsbPortInfo> extraPorts)
+void TestSetupWizard::makeWizard(QList<UsbPortInfo> extraPorts, BleHelperBridge* bluetooth)
 {
     SetupWizardSettings settings;
+    settings.bluetooth = bluetooth;
     const QList<UsbPortInfo> ports =
         QList<UsbPortInfo>{
             {QStringLiteral("/dev/ttyS0"), QStringLiteral("Built-in serial port"), false},
@@ -378,6 +381,46 @@ void TestSetupWizard::receiverKeyGenerated()
              QStringLiteral("Connected to Vantorelle Receiver, waiting for scoreboard data"));
     m_usb->sendEnvelope({{"type", "state"}, {"fields", QJsonObject{{"home_score", 4}}}});
     QTRY_COMPARE(m_app->live().value(QStringLiteral("home_score")), QStringLiteral("4"));
+}
+
+// The choice is there only with a helper; through it the device is found, paired, signed in
+// to, and followed for live data.
+void TestSetupWizard::bluetoothOnlyWithItsHelper()
+{
+    makeWizard();
+    QVERIFY(!m_wizard->findChild<QRadioButton*>("useBluetooth"));
+
+    qputenv("VANTORELLE_BLE_SIM_PASSKEY", "482913");
+    BleHelperBridge bridge({.startTimeoutMs = 5000, .requestTimeoutMs = 3000, .scanMs = 50});
+    bridge.setHelperPath(QStringLiteral(VANTORELLE_BLE_SIM));
+    makeWizard({}, &bridge);
+    widget<QRadioButton>("useBluetooth")->setChecked(true);
+    QVERIFY(!widget<QListWidget>("portList")->isVisible());
+    click("scanBluetooth");
+    auto* found = widget<QListWidget>("bluetoothList");
+    QTRY_COMPARE(found->count(), 1);
+    QCOMPARE(found->item(0)->text(),
+             QStringLiteral("Vantorelle 0042 (F4:12:FA:00:00:42, -58 dBm)"));
+    QCOMPARE(widget("bluetoothCount")->text(), QStringLiteral("1 Bluetooth device(s) found."));
+    savePicture(m_wizard.get(), "connection_bluetooth");
+
+    click("connectButton"); // no passkey yet
+    QTRY_COMPARE(widget("connectionMessage")->text(),
+                 QStringLiteral("The device did not accept the pairing passkey."));
+    widget<QLineEdit>("blePasskeyEdit")->setText(QStringLiteral("482913"));
+    click("connectButton");
+    signIn(QStringLiteral("admin"));
+    QTRY_COMPARE(pageName(), QStringLiteral("wifiPanel"));
+    goToPage("finishPage");
+    click("useForLiveData");
+    SourceManager* manager = m_app->sourceManager();
+    QCOMPARE(manager->status(),
+             QStringLiteral("Connected to Vantorelle 0042, waiting for scoreboard data"));
+    QTRY_COMPARE(manager->status(), QStringLiteral("Live from Vantorelle 0042"));
+    QVERIFY(!m_app->live().value(QStringLiteral("clock")).isEmpty());
+    m_wizard.reset();
+    m_app.reset(); // the session and its link go before the bridge
+    qunsetenv("VANTORELLE_BLE_SIM_PASSKEY");
 }
 
 void TestSetupWizard::addedToPortalAccount()
