@@ -6,27 +6,12 @@
 #include "password_change_form.h"
 
 #include <QCheckBox>
-#include <QHBoxLayout>
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
 #include <QVBoxLayout>
 
 namespace vantorelle {
-
-namespace {
-
-QWidget* row(QWidget* first, QWidget* second)
-{
-    auto* widget = new QWidget;
-    auto* layout = new QHBoxLayout(widget);
-    layout->setContentsMargins(0, 0, 0, 0);
-    layout->addWidget(first);
-    layout->addWidget(second);
-    return widget;
-}
-
-} // namespace
 
 CloudPanel::CloudPanel(App* app, DeviceSession* session, QWidget* parent)
     : AdminPanel(session, "cloudPanel", QStringLiteral("Cloud"), parent), m_app(app)

@@ -1,5 +1,6 @@
 #include "panel_style.h"
 
+#include <QHBoxLayout>
 #include <QLabel>
 #include <QVBoxLayout>
 
@@ -18,6 +19,16 @@ void showMessage(QLabel* label, const QString& text, bool failure)
     label->setText(text);
     label->setStyleSheet(failure ? QString::fromLatin1(ErrorStyle) : QString());
     label->setVisible(!text.isEmpty());
+}
+
+QWidget* row(QWidget* first, QWidget* second)
+{
+    auto* widget = new QWidget;
+    auto* layout = new QHBoxLayout(widget);
+    layout->setContentsMargins(0, 0, 0, 0);
+    layout->addWidget(first, 1);
+    layout->addWidget(second);
+    return widget;
 }
 
 QLabel* heading(const QString& text)

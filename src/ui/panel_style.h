@@ -15,6 +15,8 @@ inline constexpr const char* ErrorStyle = "color: #d9534f;";
 QLabel* wrappedLabel(const QString& objectName, QWidget* parent = nullptr);
 // Shows `text` in `label`, red when it reports a failure; hides the label when `text` is empty.
 void showMessage(QLabel* label, const QString& text, bool failure);
+// Two widgets side by side, the first taking the room.
+QWidget* row(QWidget* first, QWidget* second);
 // A heading in bold, for a section or a group inside one.
 QLabel* heading(const QString& text);
 // Names `section` and gives it a borderless column layout that starts with its heading in bold.

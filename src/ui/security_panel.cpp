@@ -6,7 +6,6 @@
 
 #include <QClipboard>
 #include <QGuiApplication>
-#include <QHBoxLayout>
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
@@ -29,16 +28,12 @@ SecurityPanel::SecurityPanel(DeviceSession* session, SettingsStore* settings, QW
     body()->addWidget(explain);
     QPushButton* show = addAction(QStringLiteral("Show access token"), "showAccessToken");
     body()->addWidget(show, 0, Qt::AlignLeft);
-    m_tokenRow = new QWidget;
-    auto* row = new QHBoxLayout(m_tokenRow);
-    row->setContentsMargins(0, 0, 0, 0);
     m_token = new QLineEdit;
     m_token->setObjectName(QStringLiteral("accessToken"));
     m_token->setReadOnly(true);
-    row->addWidget(m_token);
     auto* copy = new QPushButton(QStringLiteral("Copy"));
     copy->setObjectName(QStringLiteral("copyAccessToken"));
-    row->addWidget(copy);
+    m_tokenRow = row(m_token, copy);
     m_tokenRow->setVisible(false);
     body()->addWidget(m_tokenRow);
 
