@@ -1,19 +1,11 @@
 // Feed the lines the Bluetooth helper writes: each one is taken apart without a crash, and the
 // parts agree with the line (answers name a positive id, events an event name).
+#include "fuzz_require.h"
 #include "links/ble_helper_bridge.h"
 
 #include <cstdint>
-#include <cstdlib>
 
-namespace {
-
-void require(bool condition)
-{
-    if (!condition)
-        std::abort();
-}
-
-} // namespace
+using vantorelle::fuzz::require;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

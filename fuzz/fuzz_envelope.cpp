@@ -1,23 +1,15 @@
 // Feed envelopes as they arrive from a device or the portal: bytes, parsed as JSON, applied to
 // a fresh model. The snapshot line must always read back as the model's own snapshot, and the
 // same envelope applied twice must change nothing the second time.
+#include "fuzz_require.h"
 #include "live/live_data.h"
 
 #include <QJsonDocument>
 #include <QJsonParseError>
 
 #include <cstdint>
-#include <cstdlib>
 
-namespace {
-
-void require(bool condition)
-{
-    if (!condition)
-        std::abort();
-}
-
-} // namespace
+using vantorelle::fuzz::require;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

@@ -1,5 +1,6 @@
 // Feed the sharing server's request lines as a client would send them: every complete line of
 // the input gets the server's answer, which must be nothing or one JSON object on one line.
+#include "fuzz_require.h"
 #include "live/hosted_server.h"
 #include "live/live_data.h"
 
@@ -7,15 +8,10 @@
 #include <QJsonParseError>
 
 #include <cstdint>
-#include <cstdlib>
+
+using vantorelle::fuzz::require;
 
 namespace {
-
-void require(bool condition)
-{
-    if (!condition)
-        std::abort();
-}
 
 QJsonObject parsedReply(const QByteArray& reply)
 {
