@@ -1,8 +1,8 @@
 // Decoding speed of the USB frame decoder, fed in 4096-byte reads as the serial port delivers
 // them: clean traffic, random noise, and a line full of frame starts whose CRC never matches
 // (the case that must not turn quadratic).
-#include "links/frame_codec.h"
-#include "links/frame_decoder.h"
+#include "frame_codec.h"
+#include "frame_decoder.h"
 
 #include <QRandomGenerator>
 

@@ -1,7 +1,7 @@
 // One broadcast to 100 clients connected over loopback, timed until every client has read its
 // line. Server and clients share this thread's event loop, as they would share a machine.
-#include "live/hosted_server.h"
-#include "live/live_data.h"
+#include "hosted_server.h"
+#include "live_data.h"
 
 #include <QCoreApplication>
 #include <QJsonObject>

@@ -1,6 +1,6 @@
 // Cost of applying one feed envelope of 20 fields, when every value changed and when none did
 // (a stopped clock, heartbeats), and of building the snapshot line that goes to every client.
-#include "live/live_data.h"
+#include "live_data.h"
 
 #include <QJsonObject>
 

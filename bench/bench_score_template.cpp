@@ -1,7 +1,7 @@
 // Cost of rendering a score template against a model of 20 fields: the default template and a
 // longer one with ten placeholders between plain text.
-#include "live/live_data.h"
-#include "obs/score_template.h"
+#include "live_data.h"
+#include "score_template.h"
 
 #include <QJsonObject>
 

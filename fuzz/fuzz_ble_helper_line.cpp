@@ -1,7 +1,7 @@
 // Feed the lines the Bluetooth helper writes: each one is taken apart without a crash, and the
 // parts agree with the line (answers name a positive id, events an event name).
+#include "ble_helper_bridge.h"
 #include "fuzz_require.h"
-#include "links/ble_helper_bridge.h"
 
 #include <cstdint>
 

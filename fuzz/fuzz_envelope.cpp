@@ -2,7 +2,7 @@
 // a fresh model. The snapshot line must always read back as the model's own snapshot, and the
 // same envelope applied twice must change nothing the second time.
 #include "fuzz_require.h"
-#include "live/live_data.h"
+#include "live_data.h"
 
 #include <QJsonDocument>
 #include <QJsonParseError>

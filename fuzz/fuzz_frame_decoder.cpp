@@ -1,7 +1,7 @@
 // Feeds arbitrary bytes to the USB frame decoder in reads of varying size and checks it against
 // the decoding rules applied literally (one buffer, one byte dropped per resynchronisation).
 // Input: first byte = read size - 1, then the line's bytes.
-#include "links/frame_decoder.h"
+#include "frame_decoder.h"
 
 #include <cstdint>
 #include <cstdlib>

@@ -1,9 +1,9 @@
 // Feeds arbitrary type-4 payloads to the admin-reply reassembler.
 // Input: first byte even = a run of payloads, each one length byte then that many bytes;
 // odd = the rest is one admin message, which must survive framing and reassembly intact.
-#include "links/admin_reassembler.h"
-#include "links/frame_codec.h"
-#include "links/frame_decoder.h"
+#include "admin_reassembler.h"
+#include "frame_codec.h"
+#include "frame_decoder.h"
 
 #include <cstdint>
 #include <cstdlib>

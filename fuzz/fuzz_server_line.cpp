@@ -1,8 +1,8 @@
 // Feed the sharing server's request lines as a client would send them: every complete line of
 // the input gets the server's answer, which must be nothing or one JSON object on one line.
 #include "fuzz_require.h"
-#include "live/hosted_server.h"
-#include "live/live_data.h"
+#include "hosted_server.h"
+#include "live_data.h"
 
 #include <QJsonDocument>
 #include <QJsonParseError>

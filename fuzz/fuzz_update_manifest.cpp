@@ -1,6 +1,6 @@
 // The update manifest comes from the network: parsing must never crash, and a manifest it
 // accepts with a package must hold a package that passes its own rules.
-#include "update/update_manifest.h"
+#include "update_manifest.h"
 
 #include <QByteArray>
 

@@ -1,6 +1,7 @@
 #include "device_session.h"
 
-#include "links/device_link.h"
+#include "device_link.h"
+#include "usb_link.h"
 
 #include <QJsonArray>
 
@@ -570,6 +571,118 @@ void DeviceSession::getDeviceId(Reply<QString> done)
              else
                  done(result, id);
          });
+}
+
+void DeviceSession::getSettings(Done done)
+{
+    call(QStringLiteral("getSettings"), {}, m_settings.requestTimeoutMs, std::move(done));
+}
+
+void DeviceSession::setSettings(const QJsonObject& changes, Done done)
+{
+    call(QStringLiteral("setSettings"), changes, m_settings.requestTimeoutMs, std::move(done));
+}
+
+void DeviceSession::networkTest(int timeoutMs, Done done)
+{
+    call(QStringLiteral("networkTest"), {}, timeoutMs, std::move(done));
+}
+
+void DeviceSession::otaCheck(Done done)
+{
+    call(QStringLiteral("otaCheck"), {}, m_settings.requestTimeoutMs, std::move(done));
+}
+
+void DeviceSession::otaApply(Done done)
+{
+    request(QStringLiteral("otaApply"), {}, m_settings.requestTimeoutMs, std::move(done));
+}
+
+void DeviceSession::otaProgress(Done done)
+{
+    call(QStringLiteral("otaProgress"), {}, m_settings.requestTimeoutMs, std::move(done));
+}
+
+void DeviceSession::c6OtaStatus(Done done)
+{
+    call(QStringLiteral("c6OtaStatus"), {}, m_settings.requestTimeoutMs, std::move(done));
+}
+
+void DeviceSession::c6OtaApply(Done done)
+{
+    request(QStringLiteral("c6OtaApply"), {}, m_settings.requestTimeoutMs, std::move(done));
+}
+
+void DeviceSession::getBlePasskey(Reply<QString> done)
+{
+    call(QStringLiteral("blePasskey"), {}, m_settings.requestTimeoutMs,
+         withRecord<QString>(std::move(done),
+                             [](const QJsonObject& result) { return text(result, "passkey"); }));
+}
+
+void DeviceSession::getMqttConfig(Done done)
+{
+    call(QStringLiteral("getMqttConfig"), {}, m_settings.requestTimeoutMs, std::move(done));
+}
+
+void DeviceSession::setMqttConfig(const QJsonObject& broker, Done done)
+{
+    call(QStringLiteral("setMqttConfig"), broker, m_settings.requestTimeoutMs, std::move(done));
+}
+
+void DeviceSession::provision(Done done)
+{
+    call(QStringLiteral("provision"), {}, m_settings.requestTimeoutMs, std::move(done));
+}
+
+void DeviceSession::setDeviceId(const QString& id, Done done)
+{
+    call(QStringLiteral("setDeviceId"), {{QLatin1String("device_id"), id}},
+         m_settings.requestTimeoutMs, std::move(done));
+}
+
+UsbLink* DeviceSession::receiver() const
+{
+    auto* usb = qobject_cast<UsbLink*>(m_link.data());
+    return usb && usb->isReceiver() ? usb : nullptr;
+}
+
+QJsonObject DeviceSession::receiverInfo() const
+{
+    const UsbLink* usb = receiver();
+    return usb ? usb->deviceInfo() : QJsonObject();
+}
+
+namespace {
+
+void refuseNoReceiver(const DeviceSession::ReceiverDone& done)
+{
+    if (done)
+        done(false, {}, QStringLiteral("No wireless receiver is connected."));
+}
+
+} // namespace
+
+void DeviceSession::setReceiver(const QString& key, bool generateKey, std::optional<int> channel,
+                                ReceiverDone done)
+{
+    if (UsbLink* usb = receiver())
+        return usb->setReceiver(key, generateKey, channel, std::move(done));
+    refuseNoReceiver(done);
+}
+
+void DeviceSession::receiverStatus(ReceiverDone done)
+{
+    if (UsbLink* usb = receiver())
+        return usb->requestReceiverStatus(std::move(done));
+    refuseNoReceiver(done);
+}
+
+void DeviceSession::rebootReceiver(ReceiverDone done)
+{
+    if (UsbLink* usb = receiver())
+        return usb->rebootReceiver(std::move(done));
+    refuseNoReceiver(done);
 }
 
 } // namespace vantorelle

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "controller_catalogue.h"
-#include "links/device_link.h"
+#include "device_link.h"
 #include "rpc_client.h"
 
 #include <QJsonObject>
@@ -14,8 +14,11 @@
 #include <QTimer>
 
 #include <functional>
+#include <optional>
 
 namespace vantorelle {
+
+class UsbLink;
 
 // Every interval the session waits on; tests shrink them.
 struct DeviceSessionSettings
@@ -128,6 +131,35 @@ public:
     // The id under which the device is known to the cloud and to the settings; an answer
     // without one fails.
     void getDeviceId(Reply<QString> done);
+    // The device's own settings list, and changes to some of its entries.
+    void getSettings(Done done);
+    void setSettings(const QJsonObject& changes, Done done);
+    // Checks the device's internet connection; it may take up to `timeoutMs`.
+    void networkTest(int timeoutMs, Done done);
+    // Firmware: whether an update is offered, installing it (the device restarts when it is
+    // written) and how far the installation is.
+    void otaCheck(Done done);
+    void otaApply(Done done);
+    void otaProgress(Done done);
+    // The radio co-processor's firmware, and updating it (the device restarts afterwards).
+    void c6OtaStatus(Done done);
+    void c6OtaApply(Done done);
+    // The passkey a phone or computer pairs over Bluetooth with.
+    void getBlePasskey(Reply<QString> done);
+    // The message broker the device reports to, a change of it (a password only when given),
+    // and fetching the device's cloud credentials.
+    void getMqttConfig(Done done);
+    void setMqttConfig(const QJsonObject& broker, Done done);
+    void provision(Done done);
+    void setDeviceId(const QString& id, Done done);
+    // A wireless receiver on the link (isReceiverMode): what it last said about itself, and its
+    // own requests. They fail at once on a link that is not a receiver.
+    using ReceiverDone = std::function<void(bool ok, const QString& key, const QString& error)>;
+    QJsonObject receiverInfo() const;
+    void setReceiver(const QString& key, bool generateKey, std::optional<int> channel,
+                     ReceiverDone done);
+    void receiverStatus(ReceiverDone done);
+    void rebootReceiver(ReceiverDone done);
     // Any other method of the catalogue. "reboot", "otaApply" and "c6OtaApply" expect the
     // device to restart.
     void request(const QString& method, const QJsonObject& params, int timeoutMs, Done done);
@@ -158,6 +190,7 @@ private:
     void onPollReply(quint64 generation, const RpcResult& result);
     void renewSignIn();
     void answerScanFailure(const RpcResult& failure, const Reply<QList<WifiNetwork>>& done);
+    UsbLink* receiver() const;
 
     DeviceSessionSettings m_settings;
     QPointer<DeviceLink> m_link;

@@ -1,6 +1,6 @@
 #include "local_feed_access.h"
 
-#include "links/http_link.h"
+#include "http_link.h"
 
 #include <memory>
 

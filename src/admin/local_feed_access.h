@@ -1,7 +1,7 @@
 #pragma once
 
-#include "admin/device_session.h"
-#include "core/settings_store.h"
+#include "device_session.h"
+#include "settings_store.h"
 
 #include <QString>
 

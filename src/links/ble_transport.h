@@ -1,6 +1,6 @@
 #pragma once
 
-#include "admin/rpc_transport.h"
+#include "rpc_transport.h"
 
 #include <QString>
 

@@ -1,7 +1,7 @@
 #include "http_link.h"
 
-#include "admin/http_admin_transport.h"
-#include "core/version.h"
+#include "http_admin_transport.h"
+#include "version.h"
 
 #include <QNetworkReply>
 #include <QNetworkRequest>

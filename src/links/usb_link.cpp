@@ -1,10 +1,10 @@
 #include "usb_link.h"
 
 #include "cloud_relay.h"
-#include "core/version.h"
 #include "serial_port.h"
 #include "stream_relay.h"
 #include "usb_admin_transport.h"
+#include "version.h"
 
 #include <QJsonDocument>
 #include <QPointer>

@@ -1,8 +1,8 @@
 #include "source_manager.h"
 
-#include "links/device_link.h"
-#include "live/live_data.h"
-#include "portal/portal_client.h"
+#include "device_link.h"
+#include "live_data.h"
+#include "portal_client.h"
 
 namespace vantorelle {
 

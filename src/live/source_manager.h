@@ -1,7 +1,7 @@
 #pragma once
 
-#include "admin/device_session.h"
-#include "links/tls_feed.h"
+#include "device_session.h"
+#include "tls_feed.h"
 
 #include <QObject>
 #include <QPointer>

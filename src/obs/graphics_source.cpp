@@ -1,7 +1,7 @@
 #include "graphics_source.h"
 
-#include "core/app.h"
-#include "obs/wrapped_source.h"
+#include "app.h"
+#include "wrapped_source.h"
 
 #include <obs.hpp>
 

@@ -1,8 +1,8 @@
 #include "text_source.h"
 
-#include "core/app.h"
-#include "obs/score_template.h"
-#include "obs/wrapped_source.h"
+#include "app.h"
+#include "score_template.h"
+#include "wrapped_source.h"
 
 #include <obs.hpp>
 

@@ -1,6 +1,6 @@
 #include "portal_client.h"
 
-#include "core/version.h"
+#include "version.h"
 
 #include <QDateTime>
 #include <QFile>

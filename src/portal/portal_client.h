@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/atomic_file.h"
+#include "atomic_file.h"
 
 #include <QByteArray>
 #include <QJsonObject>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "update/update_manifest.h"
+#include "update_manifest.h"
 
 #include <QCryptographicHash>
 #include <QFile>

@@ -1,9 +1,9 @@
 #include "plugin_updater.h"
 
-#include "update/archive_unpacker.h"
-#include "update/package_download.h"
-#include "update/tree_swap.h"
-#include "update/unpacked_tree.h"
+#include "archive_unpacker.h"
+#include "package_download.h"
+#include "tree_swap.h"
+#include "unpacked_tree.h"
 
 #include <QDir>
 #include <QFile>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "update/update_manifest.h"
-#include "update/updater_config.h"
+#include "update_manifest.h"
+#include "updater_config.h"
 
 #include <QObject>
 #include <QPointer>

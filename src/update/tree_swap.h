@@ -1,6 +1,6 @@
 #pragma once
 
-#include "update/updater_config.h"
+#include "updater_config.h"
 
 #include <QString>
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "core/version.h"
-#include "update/update_platform.h"
+#include "update_platform.h"
+#include "version.h"
 
 #include <QString>
 

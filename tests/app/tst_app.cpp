@@ -1,19 +1,19 @@
-// The application object against a local portal and a device feed, without OBS.
+// The application object against the simulated portal and device, without OBS.
 
+#include "app.h"
+#include "cloud_relay.h"
 #include "common/app_support.h"
-#include "common/test_support.h"
-#include "core/app.h"
-#include "core/log.h"
+#include "device_session.h"
+#include "log.h"
 #include "sim/feed_server.h"
 #include "sim/portal_server.h"
+#include "sim/usb_device.h"
+#include "usb_link.h"
 
-#include <QJsonArray>
 #include <QJsonDocument>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
-
-#include <memory>
 
 using namespace vantorelle;
 using namespace vantorelle::test;
@@ -21,13 +21,24 @@ using namespace vantorelle::test;
 namespace {
 
 const QString kEmail = QStringLiteral("coach@example.com");
-const QString kPassword = QStringLiteral("hunter22");
-const QString kSignInSentence =
-    QStringLiteral("Sign in from the Vantorelle dock to see your graphics.");
 
 QJsonObject object(const char* json)
 {
     return QJsonDocument::fromJson(json).object();
+}
+
+// Devices set up on this computer's network: dev-2 is in the account too, dev-8 has no token.
+const QJsonObject kLan = object(R"({"dev-0":{"host":"127.0.0.1","token":"t0","name":"Annex"},
+    "dev-2":{"host":"127.0.0.1","token":"t2","name":"Court"},
+    "dev-7":{"host":"127.0.0.1","token":"t7","name":"Field house"},
+    "dev-8":{"host":"127.0.0.1","token":"","name":"Old"}})");
+
+QString routeText(const QList<Route>& routes)
+{
+    QStringList words;
+    for (Route route : routes)
+        words << (route == Route::Lan ? "lan" : "cloud");
+    return words.join(u',');
 }
 
 } // namespace
@@ -36,289 +47,202 @@ class TestApp : public QObject
 {
     Q_OBJECT
 
-private Q_SLOTS:
-    void init();
-    void cleanup();
-    void restoreFailureLogging_data();
-    void restoreFailureLogging();
-    void signInRestoredFromPreviousSession();
-    void selectionRestoredAfterFetch_data();
-    void selectionRestoredAfterFetch();
-    void serverRequests_data();
-    void serverRequests();
-    void outputsError_data();
-    void outputsError();
-    void blockingRefreshHonoursItsLimit_data();
-    void blockingRefreshHonoursItsLimit();
-    void lanDeviceGoesLiveWithoutSignIn();
-    void signOutClearsListsOnce();
-
-private:
-    AppEnvironment environment(const QJsonObject& settings);
-    std::unique_ptr<App> makeApp(const QJsonObject& settings = {});
-    void signIn(App& app);
-    void addDevices(int count);
-
     QTemporaryDir m_dir;
     std::unique_ptr<sim::PortalServer> m_portal;
     QStringList m_log;
-};
 
-void TestApp::init()
-{
-    QVERIFY(m_dir.isValid());
-    QFile::remove(m_dir.filePath("session.json"));
-    m_portal = std::make_unique<sim::PortalServer>();
-    QVERIFY(m_portal->start());
-    m_portal->addAccount(kEmail, kPassword);
-    m_portal->addOutput(kEmail, object(R"({"id":"out-1","name":"Scoreboard",)"
-                                       R"("share_token":"tok-a","width":1280,"height":720})"));
-    m_log.clear();
-    setLogSink([this](LogLevel, const QString& line) { m_log << line; });
-}
-
-void TestApp::cleanup()
-{
-    setLogSink({});
-    m_portal.reset();
-}
-
-AppEnvironment TestApp::environment(const QJsonObject& settings)
-{
-    return testAppEnvironment(m_dir.path(), m_portal->baseUrl(), settings);
-}
-
-std::unique_ptr<App> TestApp::makeApp(const QJsonObject& settings)
-{
-    return std::make_unique<App>(environment(settings));
-}
-
-void TestApp::signIn(App& app)
-{
-    bool done = false;
-    QString message;
-    app.portal().signIn(kEmail, kPassword, [&](const PortalResult& result) {
-        done = true;
-        message = QStringLiteral("%1 %2").arg(result.status).arg(result.message);
-    });
-    QTRY_VERIFY(done);
-    QVERIFY2(app.isSignedIn(), qPrintable(message));
-}
-
-void TestApp::addDevices(int count)
-{
-    for (int i = 1; i <= count; ++i)
-        m_portal->addDevice(
-            kEmail, {QStringLiteral("dev-%1").arg(i), i == 1 ? QStringLiteral("Gym") : QString()});
-}
-
-void TestApp::restoreFailureLogging_data()
-{
-    QTest::addColumn<int>("status");
-    QTest::addColumn<QStringList>("log");
-    QTest::newRow("401 is silent") << 401 << QStringList();
-    QTest::newRow("500 is logged")
-        << 500 << QStringList{"[vantorelle] could not restore sign-in: HTTP 500"};
-}
-
-void TestApp::restoreFailureLogging()
-{
-    QFETCH(int, status);
-    QFETCH(QStringList, log);
-    writeFile(m_dir.filePath("session.json"), "[]");
-    m_portal->fail("/auth/me", status);
-    auto app = makeApp();
-    // A 401 clears the saved session, which is how its end shows.
-    if (status == 401)
-        QTRY_VERIFY(!QFile::exists(m_dir.filePath("session.json")));
-    else
-        QTRY_VERIFY(!m_log.isEmpty());
-    QCOMPARE(m_log, log);
-    QVERIFY(!app->isSignedIn());
-}
-
-void TestApp::signInRestoredFromPreviousSession()
-{
-    addDevices(2);
+    std::unique_ptr<App> makeApp(const QJsonObject& settings = {})
     {
-        auto first = makeApp();
-        signIn(*first);
+        return std::make_unique<App>(
+            testAppEnvironment(m_dir.path(), m_portal->baseUrl(), settings));
     }
-    auto app = makeApp();
-    QSignalSpy outputs(app.get(), &App::outputsChanged);
-    QTRY_VERIFY(app->isSignedIn());
-    QTRY_COMPARE(app->devices().size(), 2);
-    QCOMPARE(app->devices().first().name, QStringLiteral("Gym"));
-    QTRY_COMPARE(outputs.size(), 1);
-    QCOMPARE(app->outputs().size(), 1);
-    QCOMPARE(app->outputs().first().url, m_portal->baseUrl() + "/graphics/o/tok-a");
-    QVERIFY(app->outputsError().isEmpty());
-    QVERIFY(m_log.isEmpty());
-}
+    // Signs in and waits for both lists of the account.
+    void signIn(App& app)
+    {
+        QSignalSpy devices(&app, &App::devicesChanged);
+        QSignalSpy outputs(&app, &App::outputsChanged);
+        app.portal().signIn(kEmail, "hunter22", {});
+        QTRY_VERIFY(!devices.isEmpty() && !outputs.isEmpty());
+    }
 
-void TestApp::selectionRestoredAfterFetch_data()
-{
-    QTest::addColumn<int>("devices");
-    QTest::addColumn<QString>("stored");
-    QTest::addColumn<QString>("selected");
-    QTest::newRow("stored and listed") << 2 << "dev-2"
-                                       << "dev-2";
-    QTest::newRow("only device") << 1 << "dev-9"
-                                 << "dev-1";
-    QTest::newRow("several, none stored") << 2 << ""
-                                          << "";
-}
-
-void TestApp::selectionRestoredAfterFetch()
-{
-    QFETCH(int, devices);
-    QFETCH(QString, stored);
-    QFETCH(QString, selected);
-    addDevices(devices);
-    auto app = makeApp({{"selected_device", stored}});
-    QSignalSpy fetched(app.get(), &App::devicesChanged);
-    signIn(*app);
-    QTRY_COMPARE(fetched.size(), 1);
-    QCOMPARE(app->devices().size(), devices);
-    QCOMPARE(app->sourceManager()->deviceId(), selected);
-    QCOMPARE(app->settings().selectedDevice(), selected.isEmpty() ? stored : selected);
-}
-
-void TestApp::serverRequests_data()
-{
-    QTest::addColumn<bool>("fetched");
-    QTest::addColumn<QString>("op");
-    QTest::addColumn<QJsonObject>("request");
-    QTest::addColumn<QJsonObject>("reply");
-    QTest::addColumn<QString>("selected");
-    const QJsonObject unknown = object(R"({"ok":false,"error":"unknown_device"})");
-    QTest::newRow("devices before fetch")
-        << false << "devices" << QJsonObject() << object(R"({"devices":[]})") << "";
-    QTest::newRow("devices") << true << "devices" << QJsonObject()
-                             << object(R"x({"devices":[{"id":"dev-1","name":"Gym (dev-1)"},)x"
-                                       R"x({"id":"dev-2","name":"dev-2"}]})x")
-                             << "";
-    QTest::newRow("use unknown") << true << "use" << object(R"({"device":"dev-9"})") << unknown
-                                 << "";
-    QTest::newRow("use in other case")
-        << true << "use" << object(R"({"device":"DEV-2"})") << unknown << "";
-    QTest::newRow("use known") << true << "use" << object(R"({"device":"dev-2"})")
-                               << object(R"({"device":"dev-2"})") << "dev-2";
-    QTest::newRow("op in other case") << false << "Status" << QJsonObject()
-                                      << object(R"({"ok":false,"error":"unknown_op"})") << "";
-}
-
-void TestApp::serverRequests()
-{
-    QFETCH(bool, fetched);
-    QFETCH(QString, op);
-    QFETCH(QJsonObject, request);
-    QFETCH(QJsonObject, reply);
-    QFETCH(QString, selected);
-    addDevices(2);
-    auto app = makeApp();
-    if (fetched) {
+private Q_SLOTS:
+    void init()
+    {
+        QFile::remove(m_dir.filePath("session.json"));
+        m_portal = std::make_unique<sim::PortalServer>();
+        QVERIFY(m_portal->start());
+        m_portal->addAccount(kEmail, "hunter22");
+        m_portal->addDevice(kEmail, {"dev-1", "Gym"});
+        m_portal->addOutput(kEmail, object(R"({"id":"out-1","share_token":"tok-a"})"));
+        m_log.clear();
+        setLogSink([this](LogLevel, const QString& line) { m_log << line; });
+    }
+    void cleanup() { setLogSink({}); }
+    void signInAndSelectionRestored()
+    {
+        auto app = makeApp({{"selected_device", "dev-9"}});
+        signIn(*app); // the only device is taken
+        QCOMPARE(app->sourceManager()->deviceId(), "dev-1");
+        QCOMPARE(app->settings().selectedDevice(), "dev-1");
+        // The next start signs in with the saved session and takes the stored device.
+        m_portal->addDevice(kEmail, {"dev-2", ""});
+        app = makeApp({{"selected_device", "dev-2"}});
+        QTRY_COMPARE(app->sourceManager()->deviceId(), "dev-2");
+        QTRY_COMPARE(app->outputs().size(), 1);
+        const GraphicsOutput& output = app->outputs().first();
+        QCOMPARE(output.url, m_portal->baseUrl() + "/graphics/o/tok-a");
+        QCOMPARE(QSize(output.width, output.height), QSize(1920, 1080));
+        m_portal->fail("/auth/me", 500);
+        app = makeApp();
+        QTRY_COMPARE(m_log, QStringList{"[vantorelle] could not restore sign-in: HTTP 500"});
+        // A refused session is forgotten without a word.
+        m_portal->fail("/auth/me", 401);
+        app = makeApp();
+        QTRY_VERIFY(!QFile::exists(m_dir.filePath("session.json")));
+        QCOMPARE(m_log.size(), 1);
+        QVERIFY(!app->isSignedIn());
+    }
+    void choosingDevicesAndRoutes() // in the dock, and by sharing-server clients
+    {
+        m_portal->addDevice(kEmail, {"dev-2", ""});
+        m_portal->setLiveData("dev-1", "hockey", {{"home_score", 3}});
+        auto app = makeApp(
+            {{"lan", kLan}, {"routes", object(R"({"dev-1":"lan","dev-2":"lan","dev-8":"lan"})")}});
+        auto ask = [&](const char* op, const char* request = "{}") { // a sharing-server client
+            return app->handleServerRequest(op, object(request));
+        };
+        QCOMPARE(ask("devices"), object(R"({"devices":[]})"));
         signIn(*app);
-        QTRY_COMPARE(app->devices().size(), 2);
+        auto choosable = [&] {
+            QStringList entries;
+            for (const DeviceEntry& device : app->choosableDevices())
+                entries << device.id + '=' + device.name;
+            return entries.join(u',');
+        };
+        QCOMPARE(choosable(), "dev-1=Gym,dev-2=,dev-0=Annex,dev-7=Field house");
+        QVERIFY(app->isInAccount("dev-2") && !app->isInAccount("dev-7"));
+        QStringList routes;
+        for (const char* id : {"dev-1", "dev-2", "dev-7", "dev-8", "dev-9"})
+            routes << routeText(app->routesOf(id));
+        QCOMPARE(routes, QStringList({"cloud", "cloud,lan", "lan", "", ""}));
+        // Chooses a device, or its route; the route kept, the status and the device remembered.
+        auto choose = [&](const QString& id, std::optional<Route> route = {}) {
+            route ? app->chooseRoute(id, *route) : app->chooseDevice(id);
+            return QStringList{routeText({app->settings().route(id)}),
+                               app->sourceManager()->status(), app->settings().selectedDevice()};
+        };
+        QCOMPARE(choose(""), QStringList({"cloud", "", ""}));
+        QCOMPARE(choose("", Route::Lan), QStringList({"cloud", "", ""}));
+        // A stored route it cannot take
+        QCOMPARE(choose("dev-1"), QStringList({"cloud", "Connecting to Gym", "dev-1"}));
+        const QString court = "Connecting to Court on your network";
+        QCOMPARE(choose("dev-2"), QStringList({"lan", court, "dev-2"}));
+        QCOMPARE(choose("dev-2", Route::Cloud),
+                 QStringList({"cloud", "Connecting to Court", "dev-2"}));
+        QCOMPARE(choose("dev-2"), QStringList({"cloud", "Connecting to Court", "dev-2"}));
+        const QString field = "Connecting to Field house on your network";
+        QCOMPARE(choose("dev-7"), QStringList({"lan", field, "dev-7"}));
+        // An entry that cannot carry live data
+        QCOMPARE(choose("dev-8"), QStringList({"lan", "Connecting to Old", "dev-8"}));
+        QCOMPARE(choose("dev-9"), QStringList({"cloud", "Connecting to dev-9", "dev-9"}));
+        const QString annex = "Connecting to Annex on your network";
+        QCOMPARE(choose("dev-0", Route::Lan), QStringList({"lan", annex, "dev-0"}));
+        QCOMPARE(ask("devices"), object(R"x({"devices":[{"id":"dev-1","name":"Gym (dev-1)"},
+                                                     {"id":"dev-2","name":"dev-2"}]})x"));
+        const QJsonObject unknown = object(R"({"ok":false,"error":"unknown_device"})");
+        QCOMPARE(ask("use", R"({"device":"DEV-1"})"), unknown);
+        QCOMPARE(ask("use", R"({"device":"dev-7"})"), unknown); // not in the account
+        QCOMPARE(app->settings().selectedDevice(), "dev-0");
+        QCOMPARE(ask("use", R"({"device":"dev-1"})"), object(R"({"device":"dev-1"})"));
+        QCOMPARE(app->settings().selectedDevice(), "dev-1");
+        QTRY_VERIFY(app->sourceManager()->isLive());
+        QCOMPARE(ask("status"),
+                 object(R"({"signed_in":true,"account":"coach@example.com","source":"cloud",
+                   "device":"dev-1","live":true,"message":"Live from Gym","sport":"hockey"})"));
+        QCOMPARE(ask("Status"), object(R"({"ok":false,"error":"unknown_op"})"));
+        // Signing out empties the account's lists, with one signal each.
+        QSignalSpy devices(app.get(), &App::devicesChanged);
+        QSignalSpy outputs(app.get(), &App::outputsChanged);
+        app->portal().signOut();
+        QCOMPARE((QList<qsizetype>{devices.size(), outputs.size()}), QList<qsizetype>({1, 1}));
+        QVERIFY(app->outputs().isEmpty());
+        QCOMPARE(choosable(), "dev-0=Annex,dev-2=Court,dev-7=Field house");
+        QCOMPARE(routeText(app->routesOf("dev-2")), "lan");
     }
-    QCOMPARE(app->handleServerRequest(op, request), reply);
-    QCOMPARE(app->settings().selectedDevice(), selected);
-    QCOMPARE(app->sourceManager()->deviceId(), selected);
-}
-
-void TestApp::outputsError_data()
-{
-    QTest::addColumn<bool>("signedIn");
-    QTest::addColumn<int>("status");
-    QTest::addColumn<QString>("error");
-    QTest::newRow("listed") << true << 0 << "";
-    QTest::newRow("402") << true << 402 << "Graphics need an active Vantorelle cloud plan.";
-    QTest::newRow("500") << true << 500 << "Vantorelle returned an error (500).";
-    QTest::newRow("signed out") << false << 0 << kSignInSentence;
-}
-
-void TestApp::outputsError()
-{
-    QFETCH(bool, signedIn);
-    QFETCH(int, status);
-    QFETCH(QString, error);
-    auto app = makeApp();
-    QSignalSpy changed(app.get(), &App::outputsChanged);
-    if (signedIn) {
+    void lanDeviceStartsWithoutSignIn()
+    {
+        sim::FeedServer feed;
+        feed.setExpectedToken("t7");
+        QVERIFY(feed.start());
+        m_portal->addDevice(kEmail, {"dev-7", "Field"});
+        qputenv("VANTORELLE_FEED_PORT", QByteArray::number(feed.serverPort()));
+        auto app = makeApp({{"selected_device", "dev-7"},
+                            {"routes", object(R"({"dev-7":"lan"})")},
+                            {"lan", kLan}});
+        qunsetenv("VANTORELLE_FEED_PORT");
+        const QString waiting = "Connected to Field house, waiting for scoreboard data";
+        QCOMPARE(app->sourceManager()->status(), "Connecting to Field house on your network");
+        QTRY_COMPARE(app->sourceManager()->status(), waiting);
+        // The account holds the device too: the feed already followed is kept, not restarted.
         signIn(*app);
-        QTRY_COMPARE(changed.size(), 1);
+        QCOMPARE(app->sourceManager()->status(), waiting);
+        QCOMPARE(feed.connectionCount(), 1);
     }
-    if (status)
-        m_portal->fail("/api/graphics/outputs", status);
-    std::optional<std::pair<bool, QString>> result;
-    app->refreshOutputs([&](bool ok, const QString& text) { result = {ok, text}; });
-    QTRY_VERIFY(result.has_value());
-    QCOMPARE(result->first, error.isEmpty());
-    QCOMPARE(result->second, error);
-    QCOMPARE(app->outputsError(), error);
-    QCOMPARE(app->outputs().size(), signedIn ? 1 : 0);
-}
-
-void TestApp::blockingRefreshHonoursItsLimit_data()
-{
-    QTest::addColumn<bool>("stall");
-    QTest::newRow("portal stalls") << true;
-    QTest::newRow("portal answers") << false;
-}
-
-void TestApp::blockingRefreshHonoursItsLimit()
-{
-    QFETCH(bool, stall);
-    auto app = makeApp();
-    QSignalSpy changed(app.get(), &App::outputsChanged);
-    signIn(*app);
-    QTRY_COMPARE(changed.size(), 1);
-    sim::HttpResponse stalled;
-    stalled.stall = true;
-    if (stall)
+    void setUpDeviceIsFollowed()
+    {
+        sim::UsbDevice device;
+        device.setHelloInfo({{"tunnel", QJsonObject{{"host", "127.0.0.1"}, {"port", 9}}}});
+        QVERIFY(device.start());
+        UsbLink link(device.portPath(), UsbLinkSettings{50, 2000, 100});
+        auto session = std::make_shared<DeviceSession>();
+        session->setPassword("admin");
+        session->start(&link);
+        QTRY_COMPARE(session->state(), DeviceSession::State::Ready);
+        auto app = makeApp();
+        QSignalSpy relays(app.get(), &App::usbRelaysChanged);
+        app->followSetUpDevice(session, "Bench");
+        app->followSetUpDevice(session, "Bench");
+        QCOMPARE(relays.size(), 1);
+        QVERIFY(app->sourceManager()->session() == session);
+        QCOMPARE(app->sourceManager()->status(), "Connected to Bench, waiting for scoreboard data");
+        QCOMPARE(app->settings().lastUsbPort(), device.portPath());
+        QCOMPARE(app->relayStatusLines(),
+                 QStringList{"Vantorelle 0042: ready, waiting for the device"});
+        app->setShareConnection(false);
+        QVERIFY(!link.cloudRelay()->shareConnection() && !app->settings().shareConnection());
+        QCOMPARE(app->relayStatusLines(),
+                 QStringList{"Vantorelle 0042: waiting for the paired device"});
+    }
+    void outputsRefresh()
+    {
+        auto app = makeApp();
+        QSignalSpy changed(app.get(), &App::outputsChanged);
+        // The outcome, the error kept, the outputs kept and the signals.
+        auto refresh = [&] {
+            changed.clear();
+            QString result = "none";
+            app->refreshOutputs([&](bool ok, const QString& text) { result = ok ? "ok" : text; });
+            (void)QTest::qWaitFor([&] { return result != "none"; });
+            return QStringList{result, app->outputsError(), QString::number(app->outputs().size()),
+                               QString::number(changed.size())};
+        };
+        const QString signIn = "Sign in from the Vantorelle dock to see your graphics.";
+        QCOMPARE(refresh(), QStringList({signIn, signIn, "0", "1"}));
+        this->signIn(*app);
+        QCOMPARE(refresh(), QStringList({"ok", "", "1", "1"}));
+        QVERIFY(app->refreshOutputsBlocking(10000)); // waits for the answer
+        m_portal->fail("/api/graphics/outputs", 402);
+        const QString plan = "Graphics need an active Vantorelle cloud plan.";
+        QCOMPARE(refresh(), QStringList({plan, plan, "1", "1"}));
+        // A blocking refresh waits no longer than its limit.
+        sim::HttpResponse stalled;
+        stalled.stall = true;
         m_portal->setFailure("/api/graphics/outputs", stalled);
-    QCOMPARE(app->refreshOutputsBlocking(stall ? 300 : 10000), !stall);
-    QCOMPARE(changed.size(), stall ? 1 : 2);
-}
-
-void TestApp::lanDeviceGoesLiveWithoutSignIn()
-{
-    sim::FeedServer feed;
-    QVERIFY(feed.start());
-    feed.setExpectedToken("lan-token");
-    const QJsonObject settings{
-        {"selected_device", "dev-7"},
-        {"routes", QJsonObject{{"dev-7", "lan"}}},
-        {"lan", QJsonObject{{"dev-7", QJsonObject{{"host", "127.0.0.1"},
-                                                  {"token", "lan-token"},
-                                                  {"name", "Field house"}}}}}};
-    AppEnvironment env = environment(settings);
-    env.sources.feed.port = feed.serverPort();
-    App app(env);
-    QCOMPARE(app.sourceManager()->mode(), SourceManager::Mode::Network);
-    QTRY_COMPARE(feed.authenticatedCount(), 1);
-    feed.broadcast(object(R"({"type":"state","sport":"hockey","fields":{"home_score":2}})"));
-    QTRY_VERIFY(app.sourceManager()->isLive());
-    QCOMPARE(app.sourceManager()->status(),
-             QStringLiteral("Live from Field house over your network"));
-    QCOMPARE(app.live().sport(), QStringLiteral("hockey"));
-    QVERIFY(!app.isSignedIn());
-}
-
-void TestApp::signOutClearsListsOnce()
-{
-    addDevices(1);
-    auto app = makeApp();
-    signIn(*app);
-    QTRY_VERIFY(!app->devices().isEmpty() && !app->outputs().isEmpty());
-    QSignalSpy devices(app.get(), &App::devicesChanged);
-    QSignalSpy outputs(app.get(), &App::outputsChanged);
-    app->portal().signOut();
-    QCOMPARE(devices.size(), 1);
-    QCOMPARE(outputs.size(), 1);
-    QVERIFY(app->devices().isEmpty());
-    QVERIFY(app->outputs().isEmpty());
-}
+        changed.clear();
+        QVERIFY(!app->refreshOutputsBlocking(300));
+        QCOMPARE(changed.size(), 0);
+    }
+};
 
 QTEST_MAIN(TestApp)
 #include "tst_app.moc"

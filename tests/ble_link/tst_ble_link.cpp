@@ -1,290 +1,189 @@
-// The Bluetooth route against the simulated helper, started by the bridge as a program of its
-// own: the helper's start and end, scanning, pairing, and a device session over the link.
+// The Bluetooth route against the simulated helper, which the bridge starts as it starts the real
+// one; its options come from the environment, as the bridge passes none.
 
-#include "admin/device_session.h"
+#include "ble_helper_bridge.h"
+#include "ble_link.h"
 #include "common/test_support.h"
-#include "links/ble_helper_bridge.h"
-#include "links/ble_link.h"
-#include "sim/ble_helper.h"
 
 #include <QFile>
 #include <QSignalSpy>
-#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QTest>
 
 #include <csignal>
 #include <memory>
+#include <optional>
 
 using namespace vantorelle;
-using namespace vantorelle::test;
-using State = DeviceSession::State;
 
-namespace {
+static const QString Address = "F4:12:FA:00:00:42";
 
-const QString Address = QString::fromLatin1(sim::BleHelper::FirstAddress);
-const BleBridgeSettings Fast{
-    .startTimeoutMs = 5000, .requestTimeoutMs = 2000, .scanMs = 50, .quitGraceMs = 1000};
-const DeviceSessionSettings FastSession{
-    .pollIntervalMs = 50, .requestTimeoutMs = 2000, .busyRetryDelayMs = 10};
-
-bool processAlive(qint64 pid)
+static bool processAlive(qint64 pid)
 {
     return pid > 0 && ::kill(pid_t(pid), 0) == 0;
 }
-
-// The simulated helper takes its options from the environment, as the bridge passes none.
-void simulate(const char* option, const QByteArray& value)
-{
-    qputenv(QByteArray("VANTORELLE_BLE_SIM_") + option, value);
-}
-
-} // namespace
 
 class TestBleLink : public QObject
 {
     Q_OBJECT
 
-private Q_SLOTS:
-    void init();
-    void cleanup();
-    void withoutHelperNothingStarts();
-    void scanListsDevicesInReach();
-    void connectNeedsThePasskey_data();
-    void connectNeedsThePasskey();
-    void sessionSignsInAndPolls();
-    void restartEndsInRestarting();
-    void deviceOutOfRangeIsLost();
-    void helperDeathFailsWhatWaits();
-    void shutdownEndsTheHelper();
-    void helperThatNamesNoPort();
-    void lateConnectionAfterCloseIsLetGo();
-    void helperServesOnlyTheGreetedConnection();
-
-private:
     std::unique_ptr<BleHelperBridge> m_bridge;
+    std::unique_ptr<BleLink> m_link; // to the first device, without a passkey
+    std::optional<QSignalSpy> m_opened, m_closed;
+
+private Q_SLOTS:
+    void init()
+    {
+        m_bridge = std::make_unique<BleHelperBridge>(BleBridgeSettings{5000, 2000, 50, 1000});
+        m_bridge->setHelperPath(VANTORELLE_BLE_SIM);
+        QVERIFY(m_bridge->isAvailable());
+        m_link = std::make_unique<BleLink>(Address, QString(), QString(), m_bridge.get());
+        m_opened.emplace(m_link.get(), &DeviceLink::opened);
+        m_closed.emplace(m_link.get(), &DeviceLink::closed);
+    }
+
+    void cleanup()
+    {
+        m_opened.reset(), m_closed.reset();
+        m_link.reset();
+        m_bridge.reset();
+        qunsetenv("VANTORELLE_BLE_SIM_PASSKEY");
+        qunsetenv("VANTORELLE_BLE_SIM_DROP_AFTER_MS");
+    }
+
+    void helperMissingOrFailing_data()
+    {
+        QTest::addColumn<QString>("script"); // empty: the path is a directory
+        QTest::addColumn<bool>("executable");
+        QTest::addColumn<QString>("code");
+        QTest::addColumn<QString>("message");
+        const QString missing = "Bluetooth needs the Vantorelle Bluetooth helper, which is not "
+                                "installed with this plug-in.";
+        const QString failed = "The Bluetooth helper could not start (%1).";
+        QTest::newRow("directory") << "" << true << "helper_missing" << missing;
+        QTest::newRow("not executable") << "exit 0" << false << "helper_missing" << missing;
+        QTest::newRow("silent") << "exec sleep 30" << true << "helper_failed"
+                                << failed.arg("it did not answer");
+        QTest::newRow("no port") << "echo '{\"port\":0}'; exec sleep 30" << true << "helper_failed"
+                                 << failed.arg("it named no port");
+        QTest::newRow("ends") << "exit 0" << true << "helper_failed" << failed.arg("it ended");
+    }
+
+    void helperMissingOrFailing()
+    {
+        QFETCH(QString, script);
+        QFETCH(bool, executable);
+        QFETCH(QString, code);
+        QTemporaryDir dir;
+        QString path = dir.path();
+        if (!script.isEmpty()) {
+            path = dir.filePath("vantorelle-ble-helper");
+            test::writeFile(path, "#!/bin/sh\n" + script.toUtf8() + '\n');
+            if (executable)
+                QFile::setPermissions(path, QFile::ReadOwner | QFile::ExeOwner);
+        }
+        m_bridge->setHelperPath(path);
+        m_bridge->setSettings({.startTimeoutMs = 300, .requestTimeoutMs = 5000, .scanMs = 50});
+        QList<RpcResult> answers;
+        m_bridge->scan([&](const RpcResult& result, auto&) { answers.append(result); });
+        const qint64 pid = m_bridge->helperProcessId();
+        QCOMPARE(pid == 0, code == "helper_missing");
+        QTRY_COMPARE(answers.size(), 1);
+        QCOMPARE(answers.first().code, code);
+        QTEST(answers.first().message, "message");
+        QVERIFY(!processAlive(pid));
+    }
+
+    void opening_data()
+    {
+        QTest::addColumn<QString>("passkey");
+        QTest::addColumn<int>("requestTimeoutMs");
+        QTest::addColumn<QString>("failure"); // empty: opened
+        const QString refused = "The device did not accept the pairing passkey.";
+        QTest::newRow("right passkey") << "482913" << 2000 << "";
+        QTest::newRow("wrong passkey") << "111111" << 2000 << refused;
+        QTest::newRow("no passkey") << "" << 2000 << refused;
+        QTest::newRow("no answer in time")
+            << "482913" << 1 << "The Bluetooth helper did not answer in time.";
+    }
+
+    void opening()
+    {
+        QFETCH(QString, passkey);
+        QFETCH(int, requestTimeoutMs);
+        QFETCH(QString, failure);
+        qputenv("VANTORELLE_BLE_SIM_PASSKEY", "482913");
+        m_bridge->setSettings({5000, requestTimeoutMs, 50, 1000});
+        BleLink link(Address, "Court 3", passkey, m_bridge.get());
+        QCOMPARE(link.kind(), "ble");
+        QVERIFY(link.isRemote());
+        QSignalSpy opened(&link, &DeviceLink::opened);
+        QSignalSpy failed(&link, &DeviceLink::failed);
+        QSignalSpy sendFailed(link.adminTransport(), &RpcTransport::sendFailed);
+        link.open();
+        QTRY_COMPARE(opened.count() + failed.count(), 1);
+        QCOMPARE(link.adminTransport()->isOpen(), failure.isEmpty());
+        link.adminTransport()->send("{}");
+        if (failure.isEmpty()) {
+            QCOMPARE(opened.first().first().toJsonObject().value("name"), "Vantorelle 0042");
+            QCOMPARE(sendFailed.count(), 0);
+        } else {
+            QCOMPARE(failed.first(), (QVariantList{"open_failed", failure}));
+            QCOMPARE(sendFailed.first(),
+                     (QVariantList{"disconnected", "The Bluetooth device is not connected"}));
+        }
+    }
+
+    void deviceOutOfRangeClosesTheLink()
+    {
+        qputenv("VANTORELLE_BLE_SIM_DROP_AFTER_MS", "300");
+        m_link->open();
+        QTRY_COMPARE(m_closed->count(), 1);
+        QCOMPARE(m_opened->count(), 1);
+        QCOMPARE(m_closed->first().first(), "The device went out of range.");
+        QVERIFY(!m_link->adminTransport()->isOpen());
+        QVERIFY(m_bridge->isRunning()); // only the device went
+    }
+
+    void helperEndsOnShutdownOrKill()
+    {
+        QSignalSpy running(m_bridge.get(), &BleHelperBridge::runningChanged);
+        m_link->open();
+        QTRY_COMPARE(m_opened->count(), 1);
+        const qint64 first = m_bridge->helperProcessId();
+        QVERIFY(processAlive(first));
+        m_bridge->shutdown();
+        QVERIFY(!processAlive(first)); // gone, and reaped, when shutdown() returns
+        QVERIFY(!m_bridge->isRunning());
+        QCOMPARE(m_closed->count(), 1);
+        m_link->open(); // the next use starts a fresh helper
+        QTRY_COMPARE(m_opened->count(), 2);
+        const qint64 second = m_bridge->helperProcessId();
+        QVERIFY(second != first && processAlive(second));
+        RpcResult scan;
+        m_bridge->scan([&](const RpcResult& result, auto&) { scan = result; });
+        ::kill(pid_t(second), SIGKILL);
+        QTRY_COMPARE(scan.code, "helper_stopped");
+        QCOMPARE(scan.message, "The Bluetooth helper stopped.");
+        QCOMPARE(m_closed->count(), 2);
+        QCOMPARE(m_closed->last().first(), "The Bluetooth helper stopped.");
+        QVERIFY(!m_bridge->isRunning());
+        QCOMPARE(running, (QList<QVariantList>{{true}, {false}, {true}, {false}}));
+    }
+
+    void lateConnectionAfterCloseIsLetGo()
+    {
+        m_link->open();
+        m_link->close();
+        // A scan asked after the connection is answered after it too.
+        bool scanned = false;
+        m_bridge->scan([&](const RpcResult& result, auto&) { scanned = result.ok; });
+        QTRY_VERIFY(scanned);
+        QCOMPARE(m_opened->count(), 0);
+        QVERIFY(!m_link->adminTransport()->isOpen());
+        QVERIFY(!m_bridge->send(Address, "{}")); // the bridge let the device go again
+    }
 };
 
-void TestBleLink::init()
-{
-    m_bridge = std::make_unique<BleHelperBridge>(Fast);
-    m_bridge->setHelperPath(QStringLiteral(VANTORELLE_BLE_SIM));
-    QVERIFY(m_bridge->isAvailable());
-}
-
-void TestBleLink::cleanup()
-{
-    m_bridge.reset();
-    for (const char* option : {"PASSKEY", "DEVICES", "DROP_AFTER_MS", "REPLY_DELAY_MS"})
-        qunsetenv(QByteArray("VANTORELLE_BLE_SIM_") + option);
-}
-
-void TestBleLink::withoutHelperNothingStarts()
-{
-    for (const QString& path : {QString(), QStringLiteral("/nonexistent/vantorelle-ble-helper")}) {
-        m_bridge->setHelperPath(path);
-        QVERIFY(!m_bridge->isAvailable());
-        RpcResult answer;
-        int calls = 0;
-        m_bridge->scan([&](const RpcResult& result, const QList<BleDevice>&) {
-            answer = result;
-            ++calls;
-        });
-        QCOMPARE(calls, 1);
-        QCOMPARE(answer.code, QStringLiteral("helper_missing"));
-        QCOMPARE(answer.message, QStringLiteral("Bluetooth needs the Vantorelle Bluetooth helper, "
-                                                "which is not installed with this plug-in."));
-        QCOMPARE(m_bridge->helperProcessId(), 0);
-    }
-}
-
-void TestBleLink::scanListsDevicesInReach()
-{
-    simulate("DEVICES", "2");
-    QSignalSpy running(m_bridge.get(), &BleHelperBridge::runningChanged);
-    QList<BleDevice> found;
-    bool ok = false;
-    m_bridge->scan([&](const RpcResult& result, const QList<BleDevice>& devices) {
-        ok = result.ok;
-        found = devices;
-    });
-    QTRY_VERIFY(ok);
-    QCOMPARE(running.count(), 1);
-    QCOMPARE(found.size(), 2);
-    QCOMPARE(found.at(0).address, Address);
-    QCOMPARE(found.at(0).name, QStringLiteral("Vantorelle 0042"));
-    QCOMPARE(found.at(1).name, QStringLiteral("Vantorelle 0043"));
-    QVERIFY(found.at(0).rssi > found.at(1).rssi);
-}
-
-void TestBleLink::connectNeedsThePasskey_data()
-{
-    QTest::addColumn<QString>("given");
-    QTest::addColumn<QString>("code"); // empty: connected
-    QTest::newRow("right") << "482913"
-                           << "";
-    QTest::newRow("wrong") << "111111"
-                           << "pairing_failed";
-    QTest::newRow("none") << ""
-                          << "pairing_failed";
-}
-
-void TestBleLink::connectNeedsThePasskey()
-{
-    QFETCH(QString, given);
-    QFETCH(QString, code);
-    simulate("PASSKEY", "482913");
-    BleLink link(Address, QStringLiteral("Court 3"), given, m_bridge.get());
-    QCOMPARE(link.kind(), QStringLiteral("ble"));
-    QVERIFY(link.isRemote());
-    QSignalSpy opened(&link, &DeviceLink::opened);
-    QSignalSpy failed(&link, &DeviceLink::failed);
-    link.open();
-    QTRY_COMPARE(opened.count() + failed.count(), 1);
-    QCOMPARE(link.adminTransport()->isOpen(), code.isEmpty());
-    if (code.isEmpty()) {
-        const QJsonObject info = opened.first().at(0).toJsonObject();
-        QCOMPARE(info.value("name").toString(), QStringLiteral("Vantorelle 0042"));
-        QCOMPARE(info.value("transport").toString(), QStringLiteral("ble"));
-    } else {
-        QCOMPARE(failed.first().at(0).toString(), QStringLiteral("open_failed"));
-        QCOMPARE(failed.first().at(1).toString(),
-                 QStringLiteral("The device did not accept the pairing passkey."));
-    }
-}
-
-void TestBleLink::sessionSignsInAndPolls()
-{
-    BleLink link(Address, {}, {}, m_bridge.get());
-    DeviceSession session(FastSession);
-    session.setPassword(QStringLiteral("not-it"));
-    QSignalSpy envelopes(&session, &DeviceSession::envelope);
-    session.start(&link);
-    QTRY_COMPARE(session.state(), State::NeedsPassword);
-    session.signIn(QStringLiteral("admin"));
-    QTRY_COMPARE(session.state(), State::Ready);
-    QTRY_VERIFY(envelopes.count() >= 2); // a remote device is polled for its live data
-    const QJsonObject live = envelopes.last().at(0).toJsonObject();
-    QCOMPARE(live.value("sport").toString(), QStringLiteral("hockey"));
-    QVERIFY(live.value("fields").toObject().contains("home_score"));
-
-    RpcResult status;
-    session.refreshStatus([&](const RpcResult& result) { status = result; });
-    QTRY_VERIFY(status.ok);
-    QCOMPARE(status.result.value("device_id").toString(), QStringLiteral("VT-0042"));
-}
-
-void TestBleLink::restartEndsInRestarting()
-{
-    BleLink link(Address, {}, {}, m_bridge.get());
-    DeviceSession session(FastSession);
-    session.setPassword(QStringLiteral("admin"));
-    session.start(&link);
-    QTRY_COMPARE(session.state(), State::Ready);
-    bool answered = false;
-    session.reboot([&](const RpcResult& result) { answered = result.ok; });
-    QTRY_VERIFY(answered);
-    QTRY_COMPARE(session.state(), State::Restarting);
-    QVERIFY(!link.adminTransport()->isOpen());
-}
-
-void TestBleLink::deviceOutOfRangeIsLost()
-{
-    simulate("DROP_AFTER_MS", "300");
-    BleLink link(Address, {}, {}, m_bridge.get());
-    DeviceSession session(FastSession);
-    session.setPassword(QStringLiteral("admin"));
-    QSignalSpy states(&session, &DeviceSession::stateChanged);
-    session.start(&link);
-    QTRY_COMPARE(session.state(), State::Lost);
-    QCOMPARE(states.last().at(1).toString(), QStringLiteral("The device went out of range."));
-    QVERIFY(m_bridge->isRunning()); // only the device went
-}
-
-void TestBleLink::helperDeathFailsWhatWaits()
-{
-    simulate("REPLY_DELAY_MS", "10000");
-    BleLink link(Address, {}, {}, m_bridge.get());
-    QSignalSpy closed(&link, &DeviceLink::closed);
-    QSignalSpy opened(&link, &DeviceLink::opened);
-    link.open();
-    QTRY_COMPARE(opened.count(), 1);
-    RpcResult scan;
-    m_bridge->scan([&](const RpcResult& result, const QList<BleDevice>&) { scan = result; });
-    const qint64 pid = m_bridge->helperProcessId();
-    QVERIFY(processAlive(pid));
-    ::kill(pid_t(pid), SIGKILL);
-    QTRY_COMPARE(scan.code, QStringLiteral("helper_stopped"));
-    QCOMPARE(scan.message, QStringLiteral("The Bluetooth helper stopped."));
-    QTRY_COMPARE(closed.count(), 1);
-    QCOMPARE(closed.first().at(0).toString(), QStringLiteral("The Bluetooth helper stopped."));
-    QVERIFY(!m_bridge->isRunning());
-}
-
-void TestBleLink::shutdownEndsTheHelper()
-{
-    BleLink link(Address, {}, {}, m_bridge.get());
-    QSignalSpy opened(&link, &DeviceLink::opened);
-    QSignalSpy closed(&link, &DeviceLink::closed);
-    link.open();
-    QTRY_COMPARE(opened.count(), 1);
-    const qint64 first = m_bridge->helperProcessId();
-    QVERIFY(processAlive(first));
-    m_bridge->shutdown();
-    QVERIFY(!processAlive(first)); // gone, and reaped, when shutdown() returns
-    QVERIFY(!m_bridge->isRunning());
-    QCOMPARE(closed.count(), 1);
-
-    // The next use starts a fresh helper.
-    link.open();
-    QTRY_COMPARE(opened.count(), 2);
-    QVERIFY(m_bridge->helperProcessId() != first);
-}
-
-void TestBleLink::helperThatNamesNoPort()
-{
-    QTemporaryDir dir;
-    const QString script = dir.filePath("vantorelle-ble-helper");
-    writeFile(script, "#!/bin/sh\nexec sleep 30\n");
-    QFile::setPermissions(script, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    m_bridge->setHelperPath(script);
-    m_bridge->setSettings({.startTimeoutMs = 300, .requestTimeoutMs = 5000, .scanMs = 50});
-    RpcResult answer;
-    m_bridge->scan([&](const RpcResult& result, const QList<BleDevice>&) { answer = result; });
-    const qint64 pid = m_bridge->helperProcessId();
-    QTRY_COMPARE(answer.code, QStringLiteral("helper_failed"));
-    QCOMPARE(answer.message,
-             QStringLiteral("The Bluetooth helper could not start (it did not answer)."));
-    QVERIFY(!processAlive(pid));
-}
-
-void TestBleLink::lateConnectionAfterCloseIsLetGo()
-{
-    BleLink link(Address, {}, {}, m_bridge.get());
-    QSignalSpy opened(&link, &DeviceLink::opened);
-    QSignalSpy failed(&link, &DeviceLink::failed);
-    link.open();
-    link.close();
-    // A scan asked after the connection is answered after it too.
-    bool scanned = false;
-    m_bridge->scan([&](const RpcResult& result, const QList<BleDevice>&) { scanned = result.ok; });
-    QTRY_VERIFY(scanned);
-    QCOMPARE(opened.count() + failed.count(), 0);
-    QVERIFY(!link.adminTransport()->isOpen());
-    QVERIFY(!m_bridge->send(Address, "{}")); // the bridge let the device go again
-}
-
-void TestBleLink::helperServesOnlyTheGreetedConnection()
-{
-    sim::BleHelper helper({.token = QStringLiteral("right")});
-    QVERIFY(helper.start());
-    QTcpSocket stranger;
-    stranger.connectToHost(QHostAddress::LocalHost, helper.port());
-    QVERIFY(stranger.waitForConnected(2000));
-    stranger.write("{\"id\":1,\"op\":\"hello\",\"token\":\"wrong\"}\n");
-    QTRY_COMPARE(stranger.state(), QAbstractSocket::UnconnectedState);
-    QCOMPARE(stranger.readAll(), QByteArray());
-}
-
-QTEST_MAIN(TestBleLink)
+QTEST_GUILESS_MAIN(TestBleLink)
 #include "tst_ble_link.moc"

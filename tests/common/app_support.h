@@ -1,16 +1,28 @@
 #pragma once
 
-#include "core/app.h"
+#include "app.h"
+#include "test_support.h"
 
-#include <QJsonObject>
-#include <QString>
+#include <QDir>
+#include <QJsonDocument>
 
 namespace vantorelle::test {
 
 // An App environment in `dir` that talks to the portal at `portalUrl`: `settings` (with automatic
 // update checks off) written as its settings file, its session file beside it, update checks and
 // cloud polls far enough out that no case waits for them.
-AppEnvironment testAppEnvironment(const QString& dir, const QString& portalUrl,
-                                  QJsonObject settings = {});
+inline AppEnvironment testAppEnvironment(const QString& dir, const QString& portalUrl,
+                                         QJsonObject settings = {})
+{
+    settings.insert(QStringLiteral("auto_check_updates"), false);
+    AppEnvironment env;
+    env.settingsFile = QDir(dir).filePath(QStringLiteral("settings.json"));
+    env.sessionFile = QDir(dir).filePath(QStringLiteral("session.json"));
+    writeFile(env.settingsFile, QJsonDocument(settings).toJson());
+    env.portalUrl = portalUrl;
+    env.firstUpdateCheckMs = env.updateCheckIntervalMs = 3600000;
+    env.sources.pollIntervalMs = 60000;
+    return env;
+}
 
 } // namespace vantorelle::test

@@ -1,92 +1,121 @@
 #pragma once
 
-// Header only: the suites that include it link the simulator and the widgets, the test kit
-// itself does not.
+// Header only: the suites that include it link the widgets, the test kit itself does not.
 
-#include "admin/device_session.h"
-#include "links/http_link.h"
-#include "links/usb_link.h"
-#include "sim/admin_responder.h"
-#include "sim/lan_device.h"
-#include "sim/usb_device.h"
+#include "device_session.h"
+#include "scripted_rpc_transport.h"
 
-#include <QDir>
-#include <QLabel>
-#include <QPushButton>
+#include <QAbstractButton>
+#include <QComboBox>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QListWidget>
 #include <QTest>
-#include <QWidget>
+#include <QTimer>
 
 #include <memory>
 
 namespace vantorelle::test {
 
-// Shrunk timings; the sim answers at once.
+// Shrunk timings.
 inline const DeviceSessionSettings FastSession{
     .pollIntervalMs = 50, .requestTimeoutMs = 3000, .verifyDelayMs = 10, .busyRetryDelayMs = 10};
-inline const UsbLinkSettings FastLink{
-    .helloIntervalMs = 50, .giveUpMs = 2000, .pingIntervalMs = 100};
 
-// A signed-in session over USB or the local network to a simulated device.
-struct Bench
+// A device whose requests `transport` answers by method (see ScriptedRpcTransport), and a session
+// signed in to it with "admin". Its link opens at once and sends nothing by itself.
+struct ScriptedDevice : DeviceLink
 {
-    explicit Bench(bool overNetwork, bool receiver = false)
+    ScriptedDevice()
     {
-        if (overNetwork) {
-            lan = std::make_unique<sim::LanDevice>();
-            started = lan->start();
-            link = std::make_unique<HttpLink>(lan->address());
-        } else {
-            usb = std::make_unique<sim::UsbDevice>();
-            usb->setRole(receiver ? sim::UsbDevice::Role::Receiver : sim::UsbDevice::Role::Device);
-            started = usb->start();
-            link = std::make_unique<UsbLink>(usb->portPath(), FastLink);
-        }
-        session->setPassword(QStringLiteral("admin"));
-        session->start(link.get());
-        started = started && QTest::qWaitFor([this] {
-                      return session->state() == DeviceSession::State::Ready;
-                  });
+        transport.answers.emplace();
+        session->setPassword("admin");
+        session->start(this);
+        started =
+            QTest::qWaitFor([this] { return session->state() == DeviceSession::State::Ready; });
     }
-    sim::AdminResponder& responder() { return lan ? lan->responder() : *usb->admin(); }
+    QString kind() const override { return "usb"; }
+    void open() override
+    {
+        QTimer::singleShot(0, this, [this] { Q_EMIT opened({}); });
+    }
+    void close() override {}
+    RpcTransport* adminTransport() override { return &transport; }
+    bool isRemote() const override { return false; }
 
-    std::unique_ptr<sim::LanDevice> lan;
-    std::unique_ptr<sim::UsbDevice> usb;
-    std::unique_ptr<DeviceLink> link;
+    ScriptedRpcTransport transport;
     std::shared_ptr<DeviceSession> session = std::make_shared<DeviceSession>(FastSession);
     bool started = false;
 };
 
-template <typename T = QLabel> T* child(QWidget* panel, const char* name)
+// A table written as a JSON array of rows, each named by its first element, in a column "row".
+inline void addRows(const char* json)
 {
-    return panel->findChild<T*>(QLatin1String(name));
+    QTest::addColumn<QJsonArray>("row");
+    const QJsonArray rows = QJsonDocument::fromJson(json).array();
+    QVERIFY(!rows.isEmpty());
+    for (const QJsonValue& row : rows)
+        QTest::newRow(qPrintable(row[0].toString())) << row.toArray();
 }
 
-// The panel's status line; empty while it is hidden.
-inline QString message(QWidget* panel)
+template <typename T = QWidget> T* child(QObject* root, const QString& name)
 {
-    QLabel* label = child(panel, "panelMessage");
-    return label->isHidden() ? QString() : label->text();
+    return root->findChild<T*>(name);
 }
 
-inline bool shownAsFailure(QWidget* panel)
+// What the named widget shows: nothing while hidden, a list's lines, a box's current entry, else
+// its text.
+inline QString shown(QObject* root, const QString& name)
 {
-    return child(panel, "panelMessage")->styleSheet().contains(QLatin1String("#d9534f"));
+    auto* widget = child(root, name);
+    if (!widget)
+        return "(no " + name + ")";
+    if (widget->isHidden())
+        return {};
+    if (auto* list = qobject_cast<QListWidget*>(widget)) {
+        QStringList lines;
+        for (int i = 0; i < list->count(); ++i)
+            lines << list->item(i)->text();
+        return lines.join('\n');
+    }
+    return widget->property(qobject_cast<QComboBox*>(widget) ? "currentText" : "text").toString();
 }
 
-inline void click(QWidget* panel, const char* button)
+// An administration panel's status line.
+inline QString message(QObject* panel)
 {
-    QPushButton* b = child<QPushButton>(panel, button);
-    QVERIFY2(b && b->isEnabled(), button);
+    return shown(panel, "panelMessage");
+}
+
+inline bool shownAsFailure(QObject* root, const QString& label = "panelMessage")
+{
+    return child(root, label)->styleSheet().contains("#d9534f");
+}
+
+// Types into fields, ticks boxes and picks list entries by their value, as a user would.
+inline void fill(QObject* root, const QJsonObject& fields)
+{
+    for (auto it = fields.begin(); it != fields.end(); ++it) {
+        auto* widget = child(root, it.key());
+        QVERIFY2(widget, qPrintable(it.key()));
+        if (auto* combo = qobject_cast<QComboBox*>(widget)) {
+            const int index = combo->findData(it->isDouble() ? it->toInt() : it->toVariant());
+            QVERIFY2(index >= 0, qPrintable(it.key()));
+            combo->setCurrentIndex(index);
+            Q_EMIT combo->activated(index);
+        } else {
+            widget->setProperty(widget->inherits("QSpinBox")             ? "value"
+                                : qobject_cast<QAbstractButton*>(widget) ? "checked"
+                                                                         : "text",
+                                it->toVariant());
+        }
+    }
+}
+
+inline void click(QObject* root, const QString& button)
+{
+    auto* b = child<QAbstractButton>(root, button);
+    QVERIFY2(b && b->isEnabled(), qPrintable(button));
     b->click();
-}
-
-inline void savePicture(QWidget* panel, const QString& name)
-{
-    const QString folder = QStringLiteral(VANTORELLE_ARTIFACT_DIR);
-    QDir().mkpath(folder);
-    QVERIFY(panel->grab().save(
-        QStringLiteral("%1/%2.png")
-            .arg(folder, QString(name).replace(QLatin1Char(' '), QLatin1Char('_')))));
 }
 
 } // namespace vantorelle::test

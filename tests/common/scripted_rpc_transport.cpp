@@ -5,27 +5,38 @@
 
 namespace vantorelle::test {
 
-namespace {
-
-QJsonObject parse(const QByteArray& json)
+static QJsonObject parse(const QByteArray& json)
 {
     return QJsonDocument::fromJson(json).object();
 }
 
-QByteArray compact(const QJsonObject& object)
+// {"id":<the request's>,"ok":<ok>,"result" or "error":<value>}; an undefined value is left out.
+static QByteArray reply(const QJsonObject& request, bool ok, const QJsonValue& value)
 {
+    QJsonObject object{{"id", request["id"]}, {"ok", ok}};
+    if (!value.isUndefined())
+        object.insert(ok ? "result" : "error", value);
     return QJsonDocument(object).toJson(QJsonDocument::Compact);
 }
-
-} // namespace
 
 void ScriptedRpcTransport::send(const QByteArray& json)
 {
     m_raw.append(json);
-    if (m_script.isEmpty())
-        return;
-    const auto step = m_script.takeFirst();
-    step(parse(json));
+    if (!m_script.isEmpty())
+        m_script.takeFirst()(parse(json));
+    else if (answers)
+        deliver(answerByMethod(parse(json)));
+}
+
+QByteArray ScriptedRpcTransport::answerByMethod(const QJsonObject& request)
+{
+    const QString method = request["method"].toString();
+    QJsonValue answer = answers->value(method);
+    if (answer.isArray())
+        answer = answer[qMin(m_answered[method]++, answer.toArray().size() - 1)];
+    if (answer.isString())
+        return reply(request, false, QJsonObject{{"code", "refused"}, {"message", answer}});
+    return reply(request, true, answer.toObject());
 }
 
 void ScriptedRpcTransport::answer(Reply reply)
@@ -35,24 +46,12 @@ void ScriptedRpcTransport::answer(Reply reply)
 
 void ScriptedRpcTransport::answerOk(const QJsonValue& result)
 {
-    answer([result](const QJsonObject& request) {
-        QJsonObject reply{{"id", request.value("id")}, {"ok", true}};
-        if (!result.isUndefined())
-            reply.insert("result", result);
-        return compact(reply);
-    });
+    answer([result](const QJsonObject& request) { return reply(request, true, result); });
 }
 
 void ScriptedRpcTransport::answerError(const QJsonValue& error)
 {
-    answer([error](const QJsonObject& request) {
-        return compact({{"id", request.value("id")}, {"ok", false}, {"error", error}});
-    });
-}
-
-void ScriptedRpcTransport::stayQuiet()
-{
-    m_script.append([](const QJsonObject&) {});
+    answer([error](const QJsonObject& request) { return reply(request, false, error); });
 }
 
 void ScriptedRpcTransport::fail(const QString& code, const QString& text, bool atOnce)
@@ -78,9 +77,14 @@ QList<QJsonObject> ScriptedRpcTransport::requests() const
     return parsed;
 }
 
-qint64 ScriptedRpcTransport::lastId() const
+QByteArray ScriptedRpcTransport::sent(qsizetype from) const
 {
-    return m_raw.isEmpty() ? -1 : qint64(parse(m_raw.last()).value("id").toDouble(-1));
+    QJsonArray sent;
+    for (const QJsonObject& request : requests().mid(from)) {
+        const QJsonObject params = request["params"].toObject();
+        sent.append(params.isEmpty() ? request["method"] : QJsonArray{request["method"], params});
+    }
+    return QJsonDocument(sent).toJson(QJsonDocument::Compact);
 }
 
 } // namespace vantorelle::test

@@ -1,442 +1,195 @@
-// The device manager's tabs against simulated devices (USB on a pseudo-terminal, the network API
-// on 127.0.0.1) and a local portal.
+// The device manager's panels only see the session: every action runs against a scripted device
+// (the account's part against a local portal). The dock suite drives it over simulated USB.
 
 #include "common/app_support.h"
 #include "common/device_bench.h"
-#include "common/test_support.h"
+#include "device_manager.h"
+#include "firmware_panel.h"
 #include "sim/portal_server.h"
-#include "ui/advanced_panel.h"
-#include "ui/cloud_panel.h"
-#include "ui/device_manager.h"
-#include "ui/firmware_panel.h"
-#include "ui/security_panel.h"
-#include "ui/settings_panel.h"
-#include "ui/wireless_panel.h"
 
-#include <QCheckBox>
-#include <QClipboard>
-#include <QGuiApplication>
-#include <QJsonDocument>
-#include <QLineEdit>
-#include <QProgressBar>
-#include <QSignalSpy>
-#include <QSpinBox>
 #include <QTabWidget>
 #include <QTemporaryDir>
-#include <QTest>
-
-#include <memory>
 
 using namespace vantorelle;
 using namespace vantorelle::test;
-using State = DeviceSession::State;
 
-namespace {
-
-const QString kEmail = QStringLiteral("coach@example.com");
-const QString kPassword = QStringLiteral("hunter22");
-
-void type(QWidget* panel, const char* field, const QString& text)
-{
-    child<QLineEdit>(panel, field)->setText(text);
-}
-
-} // namespace
+static const QString kEmail = QStringLiteral("coach@example.com");
+static const QString kPassword = QStringLiteral("hunter22");
 
 class TestDeviceManager : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void init();
-    void cleanup();
-    void tabsAndPictures();
-    void receiverGetsItsOwnSettings();
-    void settingsShownAndSaved_data();
-    void settingsShownAndSaved();
-    void passwordAndPasskey();
-    void accessTokenStoredForLiveData_data();
-    void accessTokenStoredForLiveData();
-    void firmwareInstalledWithProgress();
-    void firmwareFailureAndRestart();
-    void cloudSettingsAndSharing();
-    void pairingThroughTheAccount();
-    void restartLeadsToRestarting();
-    void deletedWhileRequestsRun();
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid() && m_portal.start());
+        m_portal.addAccount(kEmail, kPassword);
+        m_portal.addDevice(kEmail, {"VT-0042", "Court 3", "online", "771204", "admin"});
+        m_app = std::make_unique<App>(testAppEnvironment(m_dir.path(), m_portal.baseUrl()));
+    }
+    // Signed in to the account, which keeps the device's Bluetooth pairing.
+    void init()
+    {
+        if (!m_app->isSignedIn())
+            m_app->portal().signIn(kEmail, kPassword, [](const PortalResult&) {});
+        QTRY_VERIFY(m_app->isSignedIn());
+    }
+    void actions_data();
+    void actions();
+    void firmwareRestartEndsTheSession();
 
 private:
-    QJsonObject savedLanEntry(const QString& id) const
-    {
-        return QJsonDocument::fromJson(readFile(m_dir.filePath("settings.json")))
-            .object()
-            .value("lan")
-            .toObject()
-            .value(id)
-            .toObject();
-    }
-
     QTemporaryDir m_dir;
-    std::unique_ptr<sim::PortalServer> m_portal;
+    sim::PortalServer m_portal;
     std::unique_ptr<App> m_app;
 };
 
-void TestDeviceManager::init()
+// One row per action: [name, button, the device's answers by method (a result, successive
+// results, or a refusal's message), fields typed, requests sent (the method, with its parameters
+// unless empty), what the panel shows in the end, whether that is a failure].
+void TestDeviceManager::actions_data()
 {
-    QVERIFY(m_dir.isValid());
-    QFile::remove(m_dir.filePath("session.json"));
-    m_portal = std::make_unique<sim::PortalServer>();
-    QVERIFY(m_portal->start());
-    m_portal->addAccount(kEmail, kPassword);
-    m_app = std::make_unique<App>(testAppEnvironment(m_dir.path(), m_portal->baseUrl()));
+    addRows(R"json([
+["status", "refreshStatus", {"getStatus": [{"device_id": "old"},
+  {"device_id": "VT-0042", "online": true, "wifi": {"rssi": -50}}]}, {}, ["getStatus"],
+ {"statusLines": "device_id: VT-0042\nonline: true"}],
+["network test", "runNetworkTest", {"networkTest": {"latency_ms": 23, "dns_ok": true}}, {},
+ ["networkTest"], {"networkTestLines": "dns_ok: true\nlatency_ms: 23", "panelMessage": ""}],
+["wifi scan", "scanWifi", {"scanWifi": {"networks": [{"ssid": "Arena", "rssi": -48},
+  {"ssid": "", "rssi": -50}, {"ssid": "Bar", "rssi": -70}]}}, {}, ["scanWifi"],
+ {"networkList": "Arena (-48 dBm)\nBar (-70 dBm)", "panelMessage": ""}],
+["wifi join", "joinWifi", {"getStatus": {"wifi_provision": {"state": "ok"}, "wifi_sta_ip": "1.2"}},
+ {"networkName": " Arena ", "wifiPassword": "puck"}, [["configureWifi", {"ssid": "Arena",
+  "pass": "puck"}], "getStatus"], {"panelMessage": "Joined Arena (1.2)."}],
+["controller", "setController", {"getControllerList": {"controllers": [
+   {"manufacturer": "V", "model": "Bridge", "sport": "hockey", "input_type": "wireless"},
+   {"manufacturer": "Arcline", "model": "AS-500", "sport": "hockey", "input_type": "rs232"},
+   {"manufacturer": "Arcline", "model": "AS-500", "sport": "basketball", "input_type": "rs232"}]},
+  "getControllerConfig": {"manufacturer": "Arcline", "model": "AS-500", "sport": "basketball"}},
+ {"controllerSport": "hockey"}, [["setControllerConfig", {"manufacturer": "Arcline",
+  "model": "AS-500", "sport": "hockey", "input_type": "rs232"}]], {"controllerInput": "RS-232",
+  "panelMessage": "The device now reads a Arcline AS-500 (Hockey, RS-232)."}],
+["settings saved", "saveSettings", {"getSettings": {"name": "C3", "brightness": 80, "auto": true,
+  "net": {"dhcp": true}}}, {"setting_brightness": 35, "setting_auto": false}, [["setSettings",
+  {"name": "C3", "brightness": 35, "auto": false}]], {"panelMessage":
+  "The device took the settings."}],
+["settings read again", "reloadSettings", {"getSettings": ["Busy", {"name": "Court 3"}]}, {},
+ ["getSettings"], {"setting_name": "Court 3", "panelMessage": ""}],
+["password changed", "changePasswordButton", {}, {"currentPasswordEdit": "admin",
+  "newPasswordEdit": "goal", "confirmPasswordEdit": "goal"}, [["changePassword",
+  {"current_password": "admin", "new_password": "goal", "confirm_password": "goal"}]],
+ {"panelMessage": "The admin password was changed.", "newPasswordEdit": ""}],
+["password refused", "changePasswordButton", {"changePassword": "Wrong"},
+ {"currentPasswordEdit": "x", "newPasswordEdit": "goal", "confirmPasswordEdit": "goal"},
+ [["changePassword", {"current_password": "x", "new_password": "goal", "confirm_password":
+  "goal"}]], {"panelMessage": "Wrong", "newPasswordEdit": "goal"}, true],
+["passwords differ", "changePasswordButton", {}, {"newPasswordEdit": "goal",
+  "confirmPasswordEdit": "gaol"}, [], {"panelMessage": "The new passwords do not match."}, true],
+["access token", "showAccessToken", {"ensureApiToken": {"token": "f00d"},
+  "getStatus": {"wifi_sta_ip": "10.0.0.7"}}, {}, ["ensureApiToken", "getDeviceId", "getStatus"],
+ {"accessToken": "f00d", "panelMessage":
+  "OBS now takes live data from VT-0042 at 10.0.0.7 on your network when you choose it."}],
+["access token, no address", "showAccessToken", {"getStatus": {"name": "Court 3"}}, {},
+ ["ensureApiToken", "getDeviceId", "getStatus"], {"panelMessage":
+  "The device is not on a network yet. Join it to a Wi-Fi network first, then try again."}, true],
+["access token copied", "copyAccessToken", {}, {"accessToken": "f00d"}, [],
+ {"panelMessage": "The access token is on the clipboard."}],
+["pairing passkey", "showBlePasskey", {"blePasskey": {"passkey": "482913"}}, {}, ["blePasskey"],
+ {"blePasskey": "Pairing passkey: 482913", "panelMessage": ""}],
+["firmware check", "checkFirmware", {"otaCheck": {"update_available": true, "latest": "2.5",
+  "notes": []}}, {}, ["otaCheck"], {"firmwareLines": "latest: 2.5\nupdate_available: true"}],
+["firmware installed", "installFirmware", {"otaProgress": [{"state": "writing", "percent": 50},
+  {"state": "ok", "percent": 70}]}, {}, ["otaApply", "otaProgress", "otaProgress"], {"panelMessage":
+  "The update is installed. The device restarts to use it.", "firmwareProgress": "70%"}],
+["firmware fails", "installFirmware", {"otaProgress": [{"state": "writing", "percent": 50},
+  {"state": "failed", "detail": "Too large"}]}, {}, ["otaApply", "otaProgress", "otaProgress"],
+ {"panelMessage": "Too large", "firmwareProgress": "50%"}, true],
+["radio check", "checkRadio", {"c6OtaStatus": {"version": "1.0.3", "available": "1.0.4"}}, {},
+ ["c6OtaStatus"], {"radioLines": "available: 1.0.4\nversion: 1.0.3"}],
+["radio update", "updateRadio", {}, {}, ["c6OtaApply"], {"panelMessage":
+  "The radio firmware update started. The device restarts when it is done."}],
+["device id changed", "changeDeviceId", {}, {"deviceIdEdit": " VT-9"},
+ [["setDeviceId", {"device_id": "VT-9"}]], {"panelMessage": "The device id is now VT-9."}],
+["broker saved", "saveBroker", {"getMqttConfig": {"host": "", "port": 1883, "tls": {"ca": "x"}}},
+ {"broker_host": "mqtt", "broker_port": 8883, "brokerPassword": "s3cret"}, [["setMqttConfig",
+  {"host": "mqtt", "port": 8883, "password": "s3cret"}]], {"brokerPassword": "",
+  "panelMessage": "The device took the broker settings."}],
+["cloud credentials", "provision", {}, {}, ["provision"],
+ {"panelMessage": "The device has its cloud credentials."}],
+["pairing shown", "revealPairing", {}, {}, [],
+ {"pairingPasskey": "Pairing passkey: 771204", "panelMessage": ""}],
+["pairing refused", "storePairing", {}, {"pairingAdminPassword": "guess"}, [],
+ {"panelMessage": "The device's admin password was not accepted."}, true],
+["pairing kept", "storePairing", {}, {}, [],
+ {"panelMessage": "Your account now keeps the device's pairing."}],
+["restart", "restartDevice", {}, {}, ["reboot"],
+ {"panelMessage": "The device is restarting. It will be back in a moment."}],
+["send to a receiver", "sendToReceiver", {"setEspNow": {"key": "0011"}, "getEspNow": [
+   {"espnow": {"role": "off"}}, {"espnow": {"role": "tx", "peer_mac": "24:6F", "key_set": true}}]},
+ {"peerMac": " 24:6F", "generateKey": true}, [["setEspNow", {"role": "tx", "peer_mac": "24:6F",
+  "generate_key": true}], "getEspNow"], {"generatedKey": "Give the receiver this key: 0011",
+  "wirelessState": "Sending scores to the receiver 24:6F, with a key.", "panelMessage": ""}],
+["wireless off", "turnOffWireless", {"getEspNow": [{"espnow": {"role": "rx"}},
+  {"espnow": {"role": "off"}}]}, {}, [["setEspNow", {"role": "off"}], "getEspNow"],
+ {"wirelessState": "The wireless link is off."}]
+])json");
 }
 
-void TestDeviceManager::cleanup()
+void TestDeviceManager::actions()
 {
-    m_app.reset();
-    m_portal.reset();
+    QFETCH(QJsonArray, row);
+    ScriptedDevice device;
+    QVERIFY(device.started);
+    device.transport.answers = row[2].toObject();
+    device.transport.answers->insert("getDeviceId", QJsonObject{{"device_id", "VT-0042"}});
+    DeviceManager dialog(m_app.get(), device.session, "VT-0042");
+    child<FirmwarePanel>(&dialog, "firmwarePanel")->setProgressInterval(10);
+    QCoreApplication::processEvents(); // the panels start reading what they show
+    const QList<AdminPanel*> panels = dialog.findChildren<AdminPanel*>();
+    QTRY_VERIFY(std::none_of(panels.begin(), panels.end(), [](auto* p) { return p->isBusy(); }));
+
+    const qsizetype mark = device.transport.rawRequests().size();
+    fill(&dialog, row[3].toObject());
+    click(&dialog, row[1].toString());
+    QWidget* panel = child(&dialog, row[1].toString());
+    while (!qobject_cast<AdminPanel*>(panel))
+        panel = panel->parentWidget();
+    const QJsonObject expected = row[5].toObject();
+    for (auto it = expected.begin(); it != expected.end(); ++it)
+        QTRY_COMPARE(shown(panel, it.key()), it->toString());
+    QCOMPARE(shownAsFailure(panel), row[6].toBool());
+    QCOMPARE(device.transport.sent(mark),
+             QJsonDocument(row[4].toArray()).toJson(QJsonDocument::Compact));
 }
 
-void TestDeviceManager::tabsAndPictures()
+// The device drops the link when it restarts into the new firmware: the installation went well.
+void TestDeviceManager::firmwareRestartEndsTheSession()
 {
-    Bench bench(false);
-    QVERIFY(bench.started);
-    DeviceManager dialog(m_app.get(), bench.session, QStringLiteral("VT-0042"));
-    QCOMPARE(dialog.windowTitle(), QStringLiteral("Manage VT-0042"));
-    QTabWidget* tabs = dialog.tabs();
-    const QStringList expected{"Status",   "Wi-Fi",    "Scoreboard", "Settings",
-                               "Security", "Firmware", "Cloud",      "Advanced"};
-    QStringList shown;
-    for (int i = 0; i < tabs->count(); ++i)
-        shown << tabs->tabText(i);
-    QCOMPARE(shown, expected);
-    QVERIFY(child(&dialog, "sessionState")->isHidden());
-    dialog.resize(720, 720);
-    // Every panel read what it shows once nothing is busy any more.
-    QTRY_VERIFY(!child(tabs->widget(0), "statusLines")->text().isEmpty());
-    QTRY_VERIFY(child<QSpinBox>(tabs->widget(3), "setting_brightness"));
-    QTRY_COMPARE(child<QLineEdit>(tabs->widget(6), "deviceIdEdit")->text(), "VT-0042");
-    QTRY_COMPARE(child(tabs->widget(7), "wirelessState")->text(),
-                 QStringLiteral("The wireless link is off."));
-    for (int i = 0; i < tabs->count(); ++i) {
-        tabs->setCurrentIndex(i);
-        savePicture(&dialog, QStringLiteral("device_manager_%1").arg(expected.at(i)));
-    }
-
-    bench.usb->unplug();
-    QLabel* state = child(&dialog, "sessionState");
-    QTRY_COMPARE(state->text(),
-                 QStringLiteral("The USB device was unplugged or stopped responding."));
-    QVERIFY(!state->isHidden() && state->styleSheet().contains(QLatin1String("#d9534f")));
-}
-
-void TestDeviceManager::receiverGetsItsOwnSettings()
-{
-    Bench bench(false, true);
-    QVERIFY(bench.started);
-    DeviceManager dialog(m_app.get(), bench.session, QStringLiteral("wireless receiver"));
-    QCOMPARE(dialog.tabs()->count(), 1);
-    QCOMPARE(dialog.tabs()->tabText(0), QStringLiteral("Receiver"));
-    auto* panel = qobject_cast<AdvancedPanel*>(dialog.tabs()->widget(0));
-    QVERIFY(panel && panel->wirelessPanel()->isForReceiver());
-    QVERIFY(!child<QPushButton>(panel, "restartDevice"));
-    WirelessPanel* receiver = panel->wirelessPanel();
-
-    QTRY_VERIFY(child<QPushButton>(receiver, "readReceiverStatus")->isEnabled());
-    click(receiver, "readReceiverStatus");
-    QTRY_VERIFY(child(receiver, "receiverStatus")->text().contains(QLatin1String("channel: 6")));
-    click(receiver, "restartReceiver");
-    QTRY_COMPARE(message(receiver),
-                 QStringLiteral("The receiver is restarting. It will be back in a moment."));
-    dialog.resize(480, 520);
-    savePicture(&dialog, QStringLiteral("device_manager_Receiver"));
-}
-
-void TestDeviceManager::settingsShownAndSaved_data()
-{
-    QTest::addColumn<bool>("overNetwork");
-    QTest::newRow("usb") << false;
-    QTest::newRow("network") << true;
-}
-
-void TestDeviceManager::settingsShownAndSaved()
-{
-    QFETCH(bool, overNetwork);
-    Bench bench(overNetwork);
-    QVERIFY(bench.started);
-    QJsonObject stored = bench.responder().settings();
-    SettingsPanel panel(bench.session.get());
-    auto* save = child<QPushButton>(&panel, "saveSettings");
-    QVERIFY(save->isHidden()); // nothing to save before the settings are read
-    QTRY_VERIFY(!save->isHidden() && save->isEnabled());
-    QCOMPARE(panel.edited(), stored); // the simulated settings are all plain values
-
-    auto* name = child<QLineEdit>(&panel, "setting_device_name");
-    QCOMPARE(name->text(), stored.value("device_name").toString());
-    auto* brightness = child<QSpinBox>(&panel, "setting_brightness");
-    QCOMPARE(brightness->value(), stored.value("brightness").toInt());
-    auto* autoUpdate = child<QCheckBox>(&panel, "setting_auto_update");
-    QCOMPARE(autoUpdate->isChecked(), stored.value("auto_update").toBool());
-
-    name->setText(QStringLiteral("Center court"));
-    brightness->setValue(35);
-    autoUpdate->setChecked(false);
-    click(&panel, "saveSettings");
-    QCOMPARE(message(&panel), QStringLiteral("Saving the settings…"));
-    QTRY_COMPARE(message(&panel), QStringLiteral("The device took the settings."));
-    stored = bench.responder().settings();
-    QCOMPARE(stored.value("device_name").toString(), QStringLiteral("Center court"));
-    QCOMPARE(stored.value("brightness").toInt(), 35);
-    QCOMPARE(stored.value("auto_update").toBool(), false);
-
-    bench.responder().failNext("setSettings", "invalid_params", "brightness out of range");
-    click(&panel, "saveSettings");
-    QTRY_COMPARE(message(&panel), QStringLiteral("brightness out of range"));
-    QVERIFY(shownAsFailure(&panel));
-}
-
-void TestDeviceManager::passwordAndPasskey()
-{
-    Bench bench(false);
-    QVERIFY(bench.started);
-    SecurityPanel panel(bench.session.get(), &m_app->settings());
-    QTRY_VERIFY(child<QPushButton>(&panel, "changePasswordButton")->isEnabled());
-
-    type(&panel, "currentPasswordEdit", "admin");
-    type(&panel, "newPasswordEdit", "goal-horn");
-    type(&panel, "confirmPasswordEdit", "goal-horm");
-    click(&panel, "changePasswordButton");
-    QCOMPARE(message(&panel), QStringLiteral("The new passwords do not match."));
-    QVERIFY(!bench.responder().methodsSeen().contains("changePassword"));
-
-    type(&panel, "currentPasswordEdit", "not-it");
-    type(&panel, "confirmPasswordEdit", "goal-horn");
-    click(&panel, "changePasswordButton");
-    QTRY_COMPARE(message(&panel), QStringLiteral("The current password is wrong"));
-    QVERIFY(shownAsFailure(&panel));
-    QCOMPARE(bench.responder().password(), QStringLiteral("admin"));
-
-    type(&panel, "currentPasswordEdit", "admin");
-    type(&panel, "confirmPasswordEdit", "goal-horn");
-    click(&panel, "changePasswordButton");
-    QTRY_COMPARE(message(&panel), QStringLiteral("The admin password was changed."));
-    QCOMPARE(bench.responder().password(), QStringLiteral("goal-horn"));
-    QCOMPARE(bench.session->password(), QStringLiteral("goal-horn")); // for the next sign-in
-    QVERIFY(child<QLineEdit>(&panel, "newPasswordEdit")->text().isEmpty());
-
-    click(&panel, "showBlePasskey");
-    QTRY_COMPARE(child(&panel, "blePasskey")->text(), QStringLiteral("Pairing passkey: 482913"));
-}
-
-void TestDeviceManager::accessTokenStoredForLiveData_data()
-{
-    QTest::addColumn<bool>("overNetwork");
-    QTest::addColumn<bool>("onWifi");
-    QTest::newRow("usb, not on a network") << false << false;
-    QTest::newRow("usb, joined to Wi-Fi") << false << true;
-    QTest::newRow("network") << true << false;
-}
-
-// The device's own Wi-Fi address comes first; over the network the address it was reached at
-// stands in, without the web interface's port.
-void TestDeviceManager::accessTokenStoredForLiveData()
-{
-    QFETCH(bool, overNetwork);
-    QFETCH(bool, onWifi);
-    Bench bench(overNetwork);
-    QVERIFY(bench.started);
-    if (onWifi) {
-        bench.responder().handle(
-            QJsonObject{{"id", 1},
-                        {"method", "configureWifi"},
-                        {"params", QJsonObject{{"ssid", "Arena-Staff"}, {"pass", "puck-drop"}}}});
-    }
-    SecurityPanel panel(bench.session.get(), &m_app->settings());
-    QTRY_VERIFY(child<QPushButton>(&panel, "showAccessToken")->isEnabled());
-    click(&panel, "showAccessToken");
-    QTRY_VERIFY(!panel.isBusy());
-    if (!overNetwork && !onWifi) {
-        QCOMPARE(message(&panel), QStringLiteral("The device is not on a network yet. Join it to "
-                                                 "a Wi-Fi network first, then try again."));
-        QVERIFY(savedLanEntry("VT-0042").isEmpty());
-        return;
-    }
-    const QString token = bench.responder().apiToken();
-    QVERIFY(!token.isEmpty());
-    QCOMPARE(child<QLineEdit>(&panel, "accessToken")->text(), token);
-    const QJsonObject saved = savedLanEntry("VT-0042");
-    QCOMPARE(saved.value("token").toString(), token);
-    QCOMPARE(saved.value("host").toString(),
-             onWifi ? QStringLiteral("192.168.1.57") : QStringLiteral("127.0.0.1"));
-    QVERIFY(m_app->settings().lanEntry("VT-0042").usable());
-    click(&panel, "copyAccessToken");
-    QCOMPARE(QGuiApplication::clipboard()->text(), token);
-    savePicture(&panel, QStringLiteral("security_panel"));
-}
-
-void TestDeviceManager::firmwareInstalledWithProgress()
-{
-    Bench bench(false);
-    QVERIFY(bench.started);
-    FirmwarePanel panel(bench.session.get());
-    panel.setProgressInterval(20);
-    QTRY_VERIFY(child<QPushButton>(&panel, "checkFirmware")->isEnabled());
-    click(&panel, "checkFirmware");
-    QTRY_VERIFY(child(&panel, "firmwareLines")->text().contains("update_available: true"));
-    QVERIFY(!child(&panel, "firmwareLines")->text().contains("{")); // nothing nested
-
-    QSignalSpy requests(&bench.responder(), &sim::AdminResponder::requestHandled);
-    click(&panel, "installFirmware");
-    QTRY_COMPARE(message(&panel),
-                 QStringLiteral("The update is installed. The device restarts to use it."));
-    QCOMPARE(child<QProgressBar>(&panel, "firmwareProgress")->value(), 100);
-    int polls = 0;
-    for (const QList<QVariant>& request : std::as_const(requests))
-        polls += request.at(0).toString() == QLatin1String("otaProgress");
-    QCOMPARE(polls, 4); // the simulated device moves on by a quarter each time it is asked
-    savePicture(&panel, QStringLiteral("firmware_panel"));
-
-    click(&panel, "checkRadio");
-    QTRY_VERIFY(child(&panel, "radioLines")->text().contains("available: 1.0.4"));
-    click(&panel, "updateRadio");
-    QTRY_COMPARE(message(&panel), QStringLiteral("The radio firmware update started. The device "
-                                                 "restarts when it is done."));
-}
-
-void TestDeviceManager::firmwareFailureAndRestart()
-{
-    Bench bench(false);
-    QVERIFY(bench.started);
-    FirmwarePanel panel(bench.session.get());
-    panel.setProgressInterval(20);
-    QTRY_VERIFY(child<QPushButton>(&panel, "installFirmware")->isEnabled());
-    bench.responder().setResult(
-        "otaProgress", {{"state", "error"}, {"percent", 40}, {"error", "Image too large"}});
-    click(&panel, "installFirmware");
-    QTRY_COMPARE(message(&panel), QStringLiteral("Image too large"));
-    QVERIFY(shownAsFailure(&panel));
-
-    // The device restarts into the new firmware halfway through the polls.
-    bench.responder().setResult("otaProgress", {{"state", "writing"}, {"percent", 60}});
-    click(&panel, "installFirmware");
-    QTRY_COMPARE(message(&panel), QStringLiteral("Installing the firmware update: 60%"));
-    bench.usb->unplug();
-    const QString restarting = QStringLiteral("The device is restarting with the new firmware. "
-                                              "It will be back in a minute.");
-    QTRY_COMPARE(message(&panel), restarting);
-    QVERIFY(!shownAsFailure(&panel));
-    // The panel may learn of the restart first, from a progress poll whose write fails on the
-    // unplugged port; the session hears of it on the port's next read tick. Wait for that, and
-    // the panel must still say the same once it has.
-    QTRY_COMPARE(bench.session->state(), State::Restarting);
-    QCOMPARE(message(&panel), restarting);
-    QVERIFY(!shownAsFailure(&panel));
-}
-
-void TestDeviceManager::cloudSettingsAndSharing()
-{
-    Bench bench(true);
-    QVERIFY(bench.started);
-    CloudPanel panel(m_app.get(), bench.session.get());
-    QTRY_VERIFY(child<QSpinBox>(&panel, "broker_port"));
-    QCOMPARE(child<QLineEdit>(&panel, "deviceIdEdit")->text(), QStringLiteral("VT-0042"));
-    QVERIFY(!child<QWidget>(&panel, "pairingAdminPassword")->isVisible()); // signed out
-
-    type(&panel, "broker_host", "mqtt.arena.local");
-    child<QSpinBox>(&panel, "broker_port")->setValue(8883);
-    type(&panel, "brokerPassword", "s3cret");
-    click(&panel, "saveBroker");
-    QTRY_COMPARE(message(&panel), QStringLiteral("The device took the broker settings."));
-    const QJsonObject broker = bench.responder()
-                                   .handle(QJsonObject{{"id", 9}, {"method", "getMqttConfig"}})
-                                   .value("result")
-                                   .toObject();
-    QCOMPARE(broker.value("host").toString(), QStringLiteral("mqtt.arena.local"));
-    QCOMPARE(broker.value("port").toInt(), 8883);
-    QVERIFY(child<QLineEdit>(&panel, "brokerPassword")->text().isEmpty());
-
-    click(&panel, "provision");
-    QTRY_COMPARE(message(&panel), QStringLiteral("The device has its cloud credentials."));
-
-    type(&panel, "deviceIdEdit", "VT-0099");
-    click(&panel, "changeDeviceId");
-    QTRY_COMPARE(message(&panel), QStringLiteral("The device id is now VT-0099."));
-    QCOMPARE(bench.responder()
-                 .handle(QJsonObject{{"id", 10}, {"method", "getDeviceId"}})
-                 .value("result")
-                 .toObject()
-                 .value("device_id"),
-             QJsonValue("VT-0099"));
-
-    auto* share = child<QCheckBox>(&panel, "shareConnection");
-    QVERIFY(share->isChecked());
-    share->setChecked(false);
-    QCOMPARE(m_app->settings().shareConnection(), false);
-    QVERIFY(readFile(m_dir.filePath("settings.json")).contains("\"share_connection\": false"));
-}
-
-void TestDeviceManager::pairingThroughTheAccount()
-{
-    Bench bench(false);
-    QVERIFY(bench.started);
-    m_portal->addDevice(kEmail, {QStringLiteral("VT-0042"), QStringLiteral("Court 3"),
-                                 QStringLiteral("online"), QStringLiteral("771204"),
-                                 QStringLiteral("admin")});
-    CloudPanel panel(m_app.get(), bench.session.get());
-    panel.resize(460, 700);
-    panel.show();
-    QTRY_VERIFY(!panel.isBusy() && child(&panel, "pairingHint")->text().startsWith("Sign in"));
-    QVERIFY(!child<QPushButton>(&panel, "revealPairing")->isVisible());
-    m_app->portal().signIn(kEmail, kPassword, [](const PortalResult&) {});
-    QTRY_VERIFY(child<QPushButton>(&panel, "revealPairing")->isVisible());
-
-    click(&panel, "revealPairing");
-    QTRY_COMPARE(child(&panel, "pairingPasskey")->text(),
-                 QStringLiteral("Pairing passkey: 771204"));
-    // The field starts with the password the session signed in with.
-    QCOMPARE(child<QLineEdit>(&panel, "pairingAdminPassword")->text(), QStringLiteral("admin"));
-    type(&panel, "pairingAdminPassword", "guess");
-    click(&panel, "storePairing");
-    QTRY_COMPARE(message(&panel), QStringLiteral("The device's admin password was not accepted."));
-    QVERIFY(shownAsFailure(&panel));
-    type(&panel, "pairingAdminPassword", "admin");
-    click(&panel, "storePairing");
-    QTRY_COMPARE(message(&panel), QStringLiteral("Your account now keeps the device's pairing."));
-    savePicture(&panel, QStringLiteral("cloud_panel"));
-}
-
-void TestDeviceManager::restartLeadsToRestarting()
-{
-    Bench bench(false);
-    QVERIFY(bench.started);
-    DeviceManager dialog(m_app.get(), bench.session, QStringLiteral("VT-0042"));
-    auto* panel = qobject_cast<AdvancedPanel*>(dialog.tabs()->widget(7));
-    QVERIFY(panel && !panel->wirelessPanel()->isForReceiver());
-    QTRY_VERIFY(child<QPushButton>(panel, "restartDevice")->isEnabled());
-    QSignalSpy reboots(&bench.responder(), &sim::AdminResponder::rebootRequested);
-    click(panel, "restartDevice");
+    ScriptedDevice device;
+    QVERIFY(device.started);
+    device.transport.answers =
+        QJsonObject{{"otaProgress", QJsonObject{{"state", "writing"}, {"percent", 6}}}};
+    DeviceManager dialog(m_app.get(), device.session, "VT-0042");
+    QStringList tabs;
+    for (int i = 0; i < dialog.tabs()->count(); ++i)
+        tabs << dialog.tabs()->tabText(i) + '=' + dialog.tabs()->widget(i)->objectName();
+    QCOMPARE(tabs,
+             QStringList({"Status=statusPanel", "Wi-Fi=wifiPanel", "Scoreboard=controllerPanel",
+                          "Settings=settingsPanel", "Security=securityPanel",
+                          "Firmware=firmwarePanel", "Cloud=cloudPanel", "Advanced=advancedPanel"}));
+    child<FirmwarePanel>(&dialog, "firmwarePanel")->setProgressInterval(10);
+    QWidget* panel = dialog.tabs()->widget(5);
+    QTRY_VERIFY(child(panel, "installFirmware")->isEnabled());
+    click(panel, "installFirmware");
+    QTRY_COMPARE(message(panel), "Installing the firmware update: 6%");
+    Q_EMIT device.closed("The USB device was unplugged.");
+    QTRY_COMPARE(device.session->state(), DeviceSession::State::Restarting);
     QTRY_COMPARE(message(panel),
-                 QStringLiteral("The device is restarting. It will be back in a moment."));
-    QCOMPARE(reboots.count(), 1);
-    bench.usb->unplug(); // as the device does when it restarts
-    QTRY_COMPARE(bench.session->state(), State::Restarting);
-    QVERIFY(!child<QPushButton>(panel, "restartDevice")->isEnabled());
-    QVERIFY(child(&dialog, "sessionState")->text().startsWith("The device is restarting."));
-}
-
-void TestDeviceManager::deletedWhileRequestsRun()
-{
-    Bench bench(false);
-    QVERIFY(bench.started);
-    bench.usb->setAdminReplyDelay(100);
-    auto* dialog = new DeviceManager(m_app.get(), bench.session, QStringLiteral("VT-0042"));
-    auto* settings = qobject_cast<SettingsPanel*>(dialog->tabs()->widget(3));
-    QVERIFY(settings);
-    QTRY_VERIFY(settings->isBusy()); // reading the settings
-    QSignalSpy statuses(bench.session.get(), &DeviceSession::statusUpdated);
-    delete dialog;
-    QTRY_COMPARE(statuses.count(), 1); // the status panel's answer arrives and finds no panel
-    QTest::qWait(300);                 // and so do the others
-    QCOMPARE(bench.session->state(), State::Ready);
+                 "The device is restarting with the new firmware. It will be back in a minute.");
+    QVERIFY(!shownAsFailure(panel));
+    QCOMPARE(shown(&dialog, "sessionState"), "The device is restarting. Open the setup window "
+                                             "from the dock to connect again once it is back.");
 }
 
 QTEST_MAIN(TestDeviceManager)

@@ -1,83 +1,63 @@
-#include "admin/device_session.h"
-#include "links/http_link.h"
-#include "links/usb_link.h"
+#include "device_session.h"
+#include "http_link.h"
 #include "sim/admin_responder.h"
-#include "sim/game.h"
 #include "sim/lan_device.h"
 #include "sim/usb_device.h"
+#include "usb_link.h"
 
+#include <QElapsedTimer>
+#include <QJsonArray>
 #include <QSignalSpy>
 #include <QTest>
 
-#include <algorithm>
 #include <memory>
+#include <optional>
 
 using namespace vantorelle;
+using S = DeviceSession;
 using State = DeviceSession::State;
+
+// The record an operation hands back, by its completion's type (bool: none).
+template <typename T> T recordOf(std::function<void(const RpcResult&, const T&)>);
+bool recordOf(S::Done);
 
 namespace {
 
-DeviceSessionSettings fastSession()
+// Poll interval and time-out, request, receiver sign-in and reboot time-outs, verify and busy
+// pauses.
+const DeviceSessionSettings kFast{20, 250, 3000, 200, 300, 10, 10};
+const QString kLost = QStringLiteral("The connection to the device was lost");
+
+// Runs one operation of `session` to its answer: the result and the record it hands back.
+template <typename... Params, typename... Given>
+auto ask(S& session, void (S::*operation)(Params...), Given&&... given)
 {
-    DeviceSessionSettings settings;
-    settings.pollIntervalMs = 20;
-    settings.pollTimeoutMs = 150;
-    settings.requestTimeoutMs = 3000;
-    settings.receiverLoginTimeoutMs = 200;
-    settings.rebootTimeoutMs = 500;
-    settings.verifyDelayMs = 10;
-    settings.busyRetryDelayMs = 10;
-    return settings;
+    using T = decltype(recordOf(
+        std::declval<std::tuple_element_t<sizeof...(Params) - 1, std::tuple<Params...>>>()));
+    auto got = std::make_shared<std::optional<std::pair<RpcResult, T>>>();
+    if constexpr (std::is_same_v<T, bool>)
+        (session.*operation)(given..., [got](const RpcResult& r) { got->emplace(r, true); });
+    else
+        (session.*operation)(given...,
+                             [got](const RpcResult& r, const T& v) { got->emplace(r, v); });
+    (void)QTest::qWaitFor([got] { return got->has_value(); }, 5000);
+    return got->value_or(std::pair{RpcResult::failure("no_answer", {}), T{}});
 }
 
-UsbLinkSettings fastLink()
+QString text(const RpcResult& result)
 {
-    UsbLinkSettings settings;
-    settings.helloIntervalMs = 50;
-    settings.giveUpMs = 300;
-    settings.pingIntervalMs = 100;
-    return settings;
+    return result.code + ": " + result.message;
 }
 
-// Catches the one answer of an operation.
-template <typename T = bool> struct Answer
-{
-    DeviceSession::Done done()
-    {
-        return [this](const RpcResult& r) { ++calls, result = r; };
-    }
-    DeviceSession::Reply<T> reply()
-    {
-        return [this](const RpcResult& r, const T& v) { ++calls, result = r, value = v; };
-    }
-    bool wait()
-    {
-        return QTest::qWaitFor([this] { return calls > 0; }, 5000) && calls == 1;
-    }
-
-    int calls = 0;
-    RpcResult result;
-    T value{};
-};
-
-QList<State> statesOf(const QSignalSpy& spy)
-{
-    QList<State> states;
-    for (const QList<QVariant>& arguments : spy)
-        states.append(arguments.first().value<State>());
-    return states;
-}
-
-// A session over a link to a simulated device; `Link` and `Device` name the route.
 template <typename Link, typename Device> struct Bench
 {
-    bool reaches(State state, int ms = 5000)
+    bool reaches(State state)
     {
-        return QTest::qWaitFor([&] { return session.state() == state; }, ms);
+        return QTest::qWaitFor([&] { return session.state() == state; }, 5000);
     }
-    bool signIn(const QString& password = QStringLiteral("admin"))
+    bool signIn()
     {
-        session.setPassword(password);
+        session.setPassword("admin");
         session.start(link.get());
         return reaches(State::Ready);
     }
@@ -85,14 +65,17 @@ template <typename Link, typename Device> struct Bench
     Device device;
     bool started = device.start();
     std::unique_ptr<Link> link;
-    DeviceSession session{fastSession()};
-    QSignalSpy states{&session, &DeviceSession::stateChanged};
+    DeviceSession session{kFast};
+    QSignalSpy stateSpy{&session, &DeviceSession::stateChanged};
+    QList<State> states;
+    QMetaObject::Connection recorder =
+        QObject::connect(&session, &S::stateChanged, [this](State state) { states << state; });
     QSignalSpy envelopes{&session, &DeviceSession::envelope};
 };
 
 struct Usb : Bench<UsbLink, sim::UsbDevice>
 {
-    Usb() { link = std::make_unique<UsbLink>(device.portPath(), fastLink()); }
+    Usb() { link = std::make_unique<UsbLink>(device.portPath(), UsbLinkSettings{50, 300, 100}); }
     sim::AdminResponder& responder() { return *device.admin(); }
 };
 
@@ -108,427 +91,254 @@ struct Lan : Bench<HttpLink, sim::LanDevice>
 class TestDeviceSession : public QObject
 {
     Q_OBJECT
-
 private Q_SLOTS:
-    void signingIn_data();
-    void signingIn();
-    void mustChangeThenChange();
-    void opening_data();
-    void opening();
-    void usbIsNeverPolledButCarriesLiveData();
-    void operationsReturnRecords();
-    void scanRefusedWhileSending_data();
-    void scanRefusedWhileSending();
-    void verifyWifi_data();
-    void verifyWifi();
-    void rebootEndsRestarting_data();
-    void rebootEndsRestarting();
-    void closeAndDeletion();
-
-    void remotePollingWaitsForUserRequests();
-    void pollTimeouts();
-    void forgottenSignInIsRenewed_data();
-    void forgottenSignInIsRenewed();
-    void rebootOverNetwork();
-};
-
-void TestDeviceSession::signingIn_data()
-{
-    QTest::addColumn<QString>("password");
-    QTest::addColumn<QString>("failCode");
-    QTest::addColumn<State>("outcome");
-    QTest::addColumn<QString>("lastError");
-    QTest::addColumn<QStringList>("sent");
-
-    const QString rateText = QStringLiteral("Too many attempts, wait a minute");
-    const QStringList login{QStringLiteral("login")};
-    QTest::newRow("no stored password") << ""
-                                        << "" << State::NeedsPassword << "" << QStringList();
-    QTest::newRow("wrong password") << "nope"
-                                    << "" << State::NeedsPassword << "" << login;
-    QTest::newRow("bad_password") << "admin"
-                                  << "bad_password" << State::NeedsPassword << "" << login;
-    QTest::newRow("rate_limited") << "admin"
-                                  << "rate_limited" << State::NeedsPassword << rateText << login;
-    QTest::newRow("other failure") << "admin"
-                                   << "internal" << State::Error << rateText << login;
-    QTest::newRow("right password")
-        << "admin"
-        << "" << State::Ready << "" << QStringList{"login", "getStatus"};
-}
-
-void TestDeviceSession::signingIn()
-{
-    QFETCH(QString, password);
-    QFETCH(QString, failCode);
-    QFETCH(State, outcome);
-    QFETCH(QString, lastError);
-    QFETCH(QStringList, sent);
-    Usb bench;
-    QVERIFY(bench.started);
-    if (!failCode.isEmpty())
-        bench.responder().failNext("login", failCode, "Too many attempts, wait a minute");
-    bench.session.setPassword(password);
-    bench.session.start(bench.link.get());
-    QVERIFY(bench.reaches(outcome));
-    QTest::qWait(50);
-    QCOMPARE(statesOf(bench.states), (QList<State>{State::Connecting, State::SigningIn, outcome}));
-    QCOMPARE(bench.session.lastError(), lastError);
-    QCOMPARE(bench.responder().methodsSeen(), sent);
-    if (outcome == State::NeedsPassword) { // the user gives the right one
-        bench.session.signIn("admin");
+    void defaults()
+    {
+        const DeviceSessionSettings s = DeviceSession().settings();
+        QCOMPARE((QList<int>{s.pollIntervalMs, s.pollTimeoutMs, s.requestTimeoutMs,
+                             s.receiverLoginTimeoutMs, s.rebootTimeoutMs, s.verifyDelayMs,
+                             s.busyRetryDelayMs}),
+                 (QList<int>{1000, 6000, 20000, 30000, 8000, 3000, 250}));
+    }
+    // The stored password is tried first; a refused one leaves the choice to the user, and a
+    // forced change comes before the session is ready. A receiver needs no sign-in.
+    void opening_data()
+    {
+        QTest::addColumn<QString>("password");
+        QTest::addColumn<QString>("device"); // a failure code for the sign-in, or what it is
+        QTest::addColumn<QList<State>>("states");
+        QTest::addColumn<QString>("lastError");
+        QTest::addColumn<QStringList>("sent");
+        const auto row = [](const char* name, const char* password, const char* device,
+                            State outcome, const char* lastError, const QStringList& sent) {
+            const bool receiver = qstrcmp(device, "receiver") == 0;
+            QTest::newRow(name) << password << device
+                                << (receiver ? QList<State>{State::Connecting, outcome}
+                                             : QList<State>{State::Connecting, State::SigningIn,
+                                                            outcome})
+                                << lastError << sent;
+        };
+        const QStringList login{"login"}, ready{"login", "getStatus"};
+        row("no stored password", "", "", State::NeedsPassword, "", {});
+        row("wrong password", "nope", "", State::NeedsPassword, "", login);
+        for (const char* refusal : {"unauthorized", "invalid_credentials", "forbidden"})
+            row(refusal, "admin", refusal, State::NeedsPassword, "", login);
+        row("rate_limited", "admin", "rate_limited", State::NeedsPassword, "Wait", login);
+        row("other failure", "admin", "internal", State::Error, "Wait", login);
+        row("right password", "admin", "", State::Ready, "", ready);
+        row("a new password is due", "admin", "must change", State::NeedsNewPassword, "", ready);
+        row("a device behind a silent receiver", "admin", "behind a receiver", State::Error,
+            "The paired device did not answer through the receiver. Check that the device is "
+            "powered, in range of the receiver and linked to it, then try again.",
+            {});
+        row("a receiver", "admin", "receiver", State::Ready, "", {});
+    }
+    void opening()
+    {
+        QFETCH(QString, password);
+        QFETCH(QString, device);
+        QFETCH(QList<State>, states);
+        QFETCH(QString, lastError);
+        Usb bench;
+        const bool mustChange = device == "must change", receiver = device.contains("receiver");
+        bench.responder().setMustChangePassword(mustChange);
+        if (!device.isEmpty() && !mustChange && !receiver)
+            bench.responder().failNext("login", device, "Wait");
+        bench.device.setRole(receiver ? sim::UsbDevice::Role::Receiver
+                                      : sim::UsbDevice::Role::Device);
+        bench.device.setAnswersAdmin(!receiver);
+        QSignalSpy status(&bench.session, &DeviceSession::statusUpdated);
+        bench.session.setPassword(password);
+        bench.session.start(bench.link.get());
+        bench.session.setViaReceiver(device == "behind a receiver");
+        QVERIFY(bench.reaches(states.last()));
+        QCOMPARE(bench.states, states);
+        QCOMPARE(bench.session.lastError(), lastError);
+        QCOMPARE(bench.stateSpy.last().at(1).toString(),
+                 states.last() == State::Error ? lastError : "");
+        QTEST(bench.responder().methodsSeen(), "sent");
+        QCOMPARE(status.count(), bench.responder().methodsSeen().count("getStatus"));
+        QCOMPARE(bench.session.mustChangePassword(), mustChange);
+        QCOMPARE(bench.session.isReceiverMode(), device == "receiver");
+        if (receiver)
+            return;
+        if (mustChange)
+            QVERIFY(ask(bench.session, &S::changePassword, "admin", "new-secret").first.ok);
+        else if (states.last() != State::Ready)
+            bench.session.signIn("admin"); // the user gives the right one
         QVERIFY(bench.reaches(State::Ready));
-        QCOMPARE(bench.session.password(), QStringLiteral("admin"));
+        QVERIFY(!bench.session.mustChangePassword());
+        QCOMPARE(bench.session.password() + " " + bench.responder().password(),
+                 mustChange ? "new-secret new-secret" : "admin admin");
     }
-}
-
-void TestDeviceSession::mustChangeThenChange()
-{
-    Usb bench;
-    bench.responder().setMustChangePassword(true);
-    bench.session.setPassword("admin");
-    bench.session.start(bench.link.get());
-    QVERIFY(bench.reaches(State::NeedsNewPassword));
-    QVERIFY(bench.session.mustChangePassword());
-
-    Answer<> changed;
-    bench.session.changePassword("admin", "a-longer-secret", changed.done());
-    QVERIFY(changed.wait() && changed.result.ok);
-    QCOMPARE(bench.session.state(), State::Ready);
-    QVERIFY(!bench.session.mustChangePassword());
-    QCOMPARE(bench.session.password(), QStringLiteral("a-longer-secret"));
-    QCOMPARE(bench.responder().password(), QStringLiteral("a-longer-secret"));
-}
-
-void TestDeviceSession::opening_data()
-{
-    QTest::addColumn<bool>("receiver");
-    QTest::addColumn<bool>("viaReceiver");
-    QTest::addColumn<State>("outcome");
-    QTest::addColumn<QString>("lastError");
-    QTest::newRow("a receiver needs no sign-in") << true << false << State::Ready << "";
-    QTest::newRow("a device behind a receiver, silent")
-        << true << true << State::Error
-        << "The paired device did not answer through the receiver. Check that the device is "
-           "powered, in range of the receiver and linked to it, then try again.";
-    QTest::newRow("not one of ours") << false << false << State::Error
-                                     << "This USB port did not answer like a Vantorelle device. "
-                                        "Check the cable and that the device has finished "
-                                        "starting.";
-}
-
-void TestDeviceSession::opening()
-{
-    QFETCH(bool, receiver);
-    QFETCH(bool, viaReceiver);
-    QFETCH(State, outcome);
-    QFETCH(QString, lastError);
-    Usb bench;
-    bench.device.setRole(sim::UsbDevice::Role::Receiver);
-    bench.device.setAnswersHello(receiver);
-    bench.device.setAnswersAdmin(false);
-    bench.session.setPassword("admin");
-    bench.session.start(bench.link.get());
-    bench.session.setViaReceiver(viaReceiver);
-    QVERIFY(bench.reaches(outcome));
-    QCOMPARE(bench.session.isReceiverMode(), receiver && !viaReceiver);
-    QCOMPARE(bench.session.lastError(), lastError);
-    QCOMPARE(bench.states.last().at(1).toString(), lastError);
-}
-
-void TestDeviceSession::usbIsNeverPolledButCarriesLiveData()
-{
-    Usb bench;
-    QVERIFY(bench.signIn());
-    bench.device.startGame(20);
-    QTRY_VERIFY(bench.envelopes.count() >= 5); // many poll intervals
-    QVERIFY(!bench.responder().methodsSeen().contains("getState"));
-    QVERIFY(bench.envelopes.last().first().toJsonObject().contains("seq"));
-}
-
-void TestDeviceSession::operationsReturnRecords()
-{
-    Usb bench;
-    QVERIFY(bench.signIn());
-    DeviceSession& session = bench.session;
-
-    Answer<QList<WifiNetwork>> scan;
-    session.scanWifi(scan.reply());
-    QVERIFY(scan.wait());
-    QCOMPARE(scan.value.size(), 4);
-    QCOMPARE(scan.value.first().ssid + scan.value.first().auth.toString(), "Arena-Staffwpa2");
-    QCOMPARE(scan.value.first().rssi, -48);
-
-    Answer<QList<ControllerChoice>> list;
-    session.listControllers(list.reply());
-    QVERIFY(list.wait());
-    QCOMPARE(list.value.size(), controllerCatalogue().size());
-    Answer<> set;
-    session.setController(list.value.at(2), set.done());
-    QVERIFY(set.wait() && set.result.ok);
-    Answer<ControllerChoice> config;
-    session.getControllerConfig(config.reply());
-    QVERIFY(config.wait());
-    QCOMPARE(config.value.model, list.value.at(2).model);
-    QCOMPARE(config.value.sport, list.value.at(2).sport);
-    QCOMPARE(config.value.input_type, list.value.at(2).input_type);
-
-    Answer<QString> key;
-    session.enableWirelessTransmitter("24:6F:28:A1:B2:C3", true, key.reply());
-    QVERIFY(key.wait() && key.value.size() == 32);
-    Answer<WirelessLink> link;
-    session.wirelessLink(link.reply());
-    QVERIFY(link.wait());
-    QCOMPARE(link.value.role, QStringLiteral("tx"));
-    QCOMPARE(link.value.peer_mac, QStringLiteral("24:6F:28:A1:B2:C3"));
-    QVERIFY(link.value.key_set);
-
-    Answer<QString> token;
-    session.ensureApiToken(token.reply());
-    QVERIFY(token.wait() && !token.value.isEmpty());
-    QCOMPARE(token.value, bench.responder().apiToken());
-}
-
-void TestDeviceSession::scanRefusedWhileSending_data()
-{
-    QTest::addColumn<QString>("role");
-    QTest::addColumn<QString>("message");
-    QTest::newRow("sending to a receiver")
-        << "tx"
-        << "This device is set to send its scores to a wireless receiver, so its Wi-Fi is "
-           "switched off and it cannot see networks. Turn the wireless link off to use Wi-Fi.";
-    QTest::newRow("link off: the scan's own failure") << "off"
-                                                      << "The radio is busy";
-}
-
-void TestDeviceSession::scanRefusedWhileSending()
-{
-    QFETCH(QString, role);
-    QFETCH(QString, message);
-    Usb bench;
-    QVERIFY(bench.signIn());
-    bench.responder().setEspNowRole(role);
-    bench.responder().failNext("scanWifi", "scan_failed", "The radio is busy");
-    Answer<QList<WifiNetwork>> scan;
-    bench.session.scanWifi(scan.reply());
-    QVERIFY(scan.wait() && !scan.result.ok);
-    QCOMPARE(scan.result.message, message);
-}
-
-void TestDeviceSession::verifyWifi_data()
-{
-    QTest::addColumn<QString>("pass");
-    QTest::addColumn<QJsonObject>("status");
-    QTest::addColumn<QString>("sentence");
-    const auto provision = [](const char* state, const char* detail, const char* ip) {
-        return QJsonObject{{"wifi_sta_ip", ip},
-                           {"wifi_provision", QJsonObject{{"state", state}, {"detail", detail}}}};
-    };
-    QTest::newRow("joined") << "long-enough" << QJsonObject()
-                            << "Joined Arena-Staff (192.168.1.57).";
-    QTest::newRow("joined, no address") << "x" << provision("ok", "", "") << "Joined Arena-Staff.";
-    QTest::newRow("refused") << "short" << QJsonObject()
-                             << "The device could not join Arena-Staff: wrong password. Check "
-                                "the password and try again.";
-    QTest::newRow("reverted, no detail")
-        << "x" << provision("reverted", "", "")
-        << "The device could not join Arena-Staff. Check the password and try again.";
-    QTest::newRow("pending")
-        << "x" << provision("pending", "", "")
-        << "The device is still working on joining Arena-Staff. Check back in a minute.";
-}
-
-void TestDeviceSession::verifyWifi()
-{
-    QFETCH(QString, pass);
-    QFETCH(QJsonObject, status);
-    QFETCH(QString, sentence);
-    Usb bench;
-    QVERIFY(bench.signIn());
-    if (!status.isEmpty())
-        bench.responder().setResult("getStatus", status);
-    Answer<> configured;
-    bench.session.configureWifi("Arena-Staff", pass, configured.done());
-    QVERIFY(configured.wait() && configured.result.ok);
-    Answer<QString> verdict;
-    bench.session.verifyWifi("Arena-Staff", verdict.reply());
-    QVERIFY(verdict.wait());
-    QCOMPARE(verdict.value, sentence);
-}
-
-void TestDeviceSession::rebootEndsRestarting_data()
-{
-    QTest::addColumn<bool>("refused");
-    QTest::newRow("no reply, then unplugged") << false;
-    QTest::newRow("refused, then unplugged") << true;
-}
-
-void TestDeviceSession::rebootEndsRestarting()
-{
-    QFETCH(bool, refused);
-    Usb bench;
-    QVERIFY(bench.signIn());
-    bench.device.setAnswersAdmin(refused);
-    bench.responder().failNext("reboot", "denied", "Not now");
-    // Unless it refuses, the device restarts as soon as it reads the request, without answering.
-    QObject::connect(&bench.device, &sim::UsbDevice::adminRequest, &bench.device,
-                     [&bench, refused](const QJsonObject& request) {
-                         if (!refused && request.value("method") == "reboot")
-                             bench.device.unplug();
-                     });
-    Answer<> reboot;
-    bench.session.reboot(reboot.done());
-    QCOMPARE(bench.session.isRestarting(), true);
-    if (refused) {
-        QVERIFY(reboot.wait());
-        QVERIFY(!bench.session.isRestarting());
+    // Each operation turns the device's answer into a record; a USB link is never polled.
+    void operations()
+    {
+        Usb bench;
+        QVERIFY(bench.signIn());
+        S& session = bench.session;
+        sim::AdminResponder& device = bench.responder();
+        DeviceSessionSettings settings = kFast;
+        settings.busyRetryDelayMs = 300;
+        session.setSettings(settings);
+        bench.device.setBusyReplies(1);
+        QElapsedTimer elapsed;
+        elapsed.start();
+        const QJsonArray networks{QJsonObject{{"ssid", "Arena"}, {"auth", "wpa2"}, {"rssi", -48}},
+                                  QJsonObject{{"ssid", "Open"}, {"rssi", "strong"}}};
+        device.setResult("scanWifi", {{"networks", networks}});
+        QStringList seen;
+        for (const WifiNetwork& n : ask(session, &S::scanWifi).second)
+            seen << n.ssid + " " + n.auth.toString() + " " + QString::number(n.rssi);
+        QVERIFY(elapsed.elapsed() >= 300); // the busy device was asked again after the pause
+        QCOMPARE(seen, QStringList({"Arena wpa2 -48", "Open  0"}));
+        const auto choice = [](const ControllerChoice& c) {
+            return QStringList{c.manufacturer, c.model, c.sport, c.input_type}.join('/');
+        };
+        const ControllerChoice bridge{"Vantorelle", "Wireless Bridge", "basketball", "wireless"};
+        QVERIFY(ask(session, &S::setController, bridge).first.ok);
+        QCOMPARE(choice(ask(session, &S::getControllerConfig).second),
+                 "Vantorelle/Wireless Bridge/basketball/wireless");
+        const QString mac = "24:6F:28:A1:B2:C3";
+        QCOMPARE(ask(session, &S::enableWirelessTransmitter, mac, true).second.size(), 32);
+        const WirelessLink link = ask(session, &S::wirelessLink).second;
+        QCOMPARE(link.role + " " + link.peer_mac + " " + QString::number(link.key_set),
+                 "tx 24:6F:28:A1:B2:C3 1");
+        const QString token = ask(session, &S::ensureApiToken).second;
+        QCOMPARE(token, device.apiToken());
+        QCOMPARE(ask(session, &S::getBlePasskey).second, "482913");
+        QCOMPARE(ask(session, &S::getDeviceId).second, "VT-0042");
+        device.setResult("getDeviceId", {});
+        QCOMPARE(text(ask(session, &S::getDeviceId).first),
+                 "no_device_id: The device did not tell its id.");
+        // A failed scan on a device that sends to a receiver says why its Wi-Fi is off.
+        device.setResult("scanWifi", {});
+        device.setEspNowRole("off");
+        device.failNext("scanWifi", "scan_failed", "Busy");
+        QCOMPARE(text(ask(session, &S::scanWifi).first), "scan_failed: Busy");
+        device.setEspNowRole("tx");
+        device.failNext("scanWifi", "scan_failed", "Busy");
+        QCOMPARE(text(ask(session, &S::scanWifi).first),
+                 "wifi_off: This device is set to send its scores to a wireless receiver, so its "
+                 "Wi-Fi is switched off and it cannot see networks. Turn the wireless link off to "
+                 "use Wi-Fi.");
+        // After a Wi-Fi change, the device's status tells how the join went.
+        QVERIFY(ask(session, &S::configureWifi, "Arena-Staff", "short").first.ok);
+        QCOMPARE(ask(session, &S::verifyWifi, "Arena-Staff").second,
+                 "The device could not join Arena-Staff: wrong password. Check the password and "
+                 "try again.");
+        const QList<std::pair<QJsonObject, QString>> joins{
+            {{{"state", "ok"}}, "Joined Arena-Staff."},
+            {{{"state", "ok"}, {"ip", "10.0.0.9"}}, "Joined Arena-Staff (10.0.0.9)."},
+            {{{"state", "reverted"}},
+             "The device could not join Arena-Staff. Check the password and try again."},
+            {{{"state", "pending"}},
+             "The device is still working on joining Arena-Staff. Check back in a minute."}};
+        for (const auto& [join, sentence] : joins) {
+            device.setResult("getStatus",
+                             {{"wifi_provision", join}, {"wifi_sta_ip", join.value("ip")}});
+            QCOMPARE(ask(session, &S::verifyWifi, "Arena-Staff").second, sentence);
+        }
+        bench.device.startGame(20);
+        QTRY_VERIFY(bench.envelopes.count() >= 5); // many poll intervals
+        QVERIFY(!device.methodsSeen().contains("getState"));
+    }
+    // Success, a time-out or a dropped link mean the device is restarting; a refusal does not.
+    void restarting_data()
+    {
+        QTest::addColumn<QString>("method");
+        QTest::addColumn<QString>("device"); // what the device does with the request
+        QTest::addColumn<QString>("code");
+        QTest::addColumn<State>("outcome");
+        const auto row = [](const char* name, const char* method, const char* device,
+                            const char* code, State outcome) {
+            QTest::newRow(name) << method << device << code << outcome;
+        };
+        row("reboot, dropped unanswered", "reboot", "drops", "disconnected", State::Restarting);
+        row("reboot, no answer in time", "reboot", "silent", "timeout", State::Restarting);
+        row("reboot refused", "reboot", "refuses", "denied", State::Lost);
+        row("otaApply answered", "otaApply", "answers", "", State::Restarting);
+        row("c6OtaApply answered", "c6OtaApply", "answers", "", State::Restarting);
+    }
+    void restarting()
+    {
+        QFETCH(QString, method);
+        QFETCH(QString, device);
+        QFETCH(State, outcome);
+        Usb bench;
+        QVERIFY(bench.signIn());
+        bench.device.setAnswersAdmin(device == "answers" || device == "refuses");
+        if (device == "refuses")
+            bench.responder().failNext(method, "denied", "Not now");
+        if (device == "drops")
+            QObject::connect(&bench.device, &sim::UsbDevice::adminRequest, &bench.device,
+                             [&bench] { bench.device.unplug(); });
+        const QHash<QString, void (S::*)(S::Done)> operations{
+            {"reboot", &S::reboot}, {"otaApply", &S::otaApply}, {"c6OtaApply", &S::c6OtaApply}};
+        QTEST(ask(bench.session, operations.value(method)).first.code, "code");
         bench.device.unplug();
+        QVERIFY(bench.reaches(outcome));
+        QCOMPARE(bench.session.isRestarting(), outcome == State::Restarting);
     }
-    QVERIFY(bench.reaches(refused ? State::Lost : State::Restarting));
-    QVERIFY(reboot.wait());
-    QCOMPARE(reboot.result.code,
-             refused ? QStringLiteral("denied") : QStringLiteral("disconnected"));
-    QCOMPARE(bench.session.isRestarting(), !refused);
-}
-
-void TestDeviceSession::closeAndDeletion()
-{
-    Usb bench;
-    QVERIFY(bench.signIn());
-    bench.device.setAnswersAdmin(false);
-    Answer<> first;
-    bench.session.refreshStatus(first.done());
-    const int changes = bench.states.count();
-    bench.session.close();
-    QVERIFY(first.wait());
-    QCOMPARE(first.result.message, QStringLiteral("Disconnected"));
-    QCOMPARE(bench.session.state(), State::Idle);
-    QCOMPARE(bench.states.count(), changes);
-    QVERIFY(bench.session.password().isEmpty());
-
-    // The link goes away under a request.
-    bench.device.setAnswersAdmin(true);
-    QVERIFY(bench.signIn());
-    bench.device.setAnswersAdmin(false);
-    Answer<> second;
-    bench.session.refreshStatus(second.done());
-    bench.link.reset();
-    QVERIFY(second.wait());
-    QCOMPARE(second.result.code, QStringLiteral("disconnected"));
-    QCOMPARE(bench.session.state(), State::Lost);
-
-    // The session goes away under a request: the answer that comes later is dropped.
-    bench.device.setAnswersAdmin(true);
-    bench.device.setAdminReplyDelay(50);
-    UsbLink link(bench.device.portPath(), fastLink());
-    auto* session = new DeviceSession(fastSession());
-    session->setPassword("admin");
-    session->start(&link);
-    QTRY_COMPARE(session->state(), State::Ready);
-    Answer<> third;
-    session->refreshStatus(third.done());
-    delete session;
-    QTest::qWait(150);
-    QCOMPARE(third.calls, 0);
-}
-
-// ---- over the network ----
-
-void TestDeviceSession::remotePollingWaitsForUserRequests()
-{
-    Lan bench;
-    QVERIFY(bench.started);
-    DeviceSessionSettings settings = fastSession();
-    settings.requestTimeoutMs = 800;
-    bench.session.setSettings(settings);
-    QVERIFY(bench.signIn());
-    QTRY_VERIFY(bench.envelopes.count() >= 3);
-    QCOMPARE(bench.envelopes.last().first().toJsonObject().value("type").toString(), "state");
-
-    bench.device.setStalled("/api/status", true);
-    Answer<> status;
-    bench.session.refreshStatus(status.done());
-    QTRY_COMPARE(bench.device.http().requestCount("GET", "/api/status"), 2); // one from sign-in
-    const int polls = bench.polls();
-    QTest::qWait(200); // ten poll intervals
-    QCOMPARE(bench.polls(), polls);
-    // Asked while the first request waits: it goes next, before any poll.
-    Answer<QString> token;
-    bench.session.ensureApiToken(token.reply());
-    QVERIFY(status.wait()); // times out
-    QCOMPARE(status.result.code, QStringLiteral("timeout"));
-    QVERIFY(token.wait() && token.result.ok);
-    QTRY_VERIFY(bench.polls() > polls);
-    const QList<sim::HttpRequest>& requests = bench.device.http().requests();
-    const auto stalled = std::find_if(requests.rbegin(), requests.rend(), [](const auto& r) {
-        return r.path == QLatin1String("/api/status");
-    });
-    QVERIFY(stalled != requests.rbegin());
-    QCOMPARE((stalled - 1)->path, QStringLiteral("/api/auth/api-token"));
-}
-
-void TestDeviceSession::pollTimeouts()
-{
-    Lan bench;
-    QVERIFY(bench.signIn());
-    bench.device.setStalled("/state", true);
-    const int before = bench.polls();
-    QTRY_COMPARE(bench.polls(), before + 2);
-    bench.device.setStalled("/state", false); // the third poll is answered
-    QTRY_VERIFY(bench.polls() >= before + 4);
-
-    bench.device.setStalled("/state", true);
-    const int again = bench.polls();
-    QTRY_COMPARE(bench.polls(), again + 3); // two misses so far: the count was reset
-    QCOMPARE(bench.session.state(), State::Ready);
-    QVERIFY(bench.reaches(State::Lost));
-    QCOMPARE(bench.states.last().at(1).toString(),
-             QStringLiteral("The connection to the device was lost"));
-}
-
-void TestDeviceSession::forgottenSignInIsRenewed_data()
-{
-    QTest::addColumn<bool>("staleToken");
-    QTest::newRow("forgotten session") << false;
-    QTest::newRow("stale security token") << true;
-}
-
-void TestDeviceSession::forgottenSignInIsRenewed()
-{
-    QFETCH(bool, staleToken);
-    Lan bench;
-    QVERIFY(bench.signIn());
-    const int changes = bench.states.count();
-    if (staleToken) {
-        bench.device.invalidateCsrf();
-        Answer<QString> refused;
-        bench.session.ensureApiToken(refused.reply());
-        QVERIFY(refused.wait());
-        QCOMPARE(refused.result.code, QStringLiteral("unauthorized"));
-    } else {
+    void closeAndLinkLoss()
+    {
+        Usb bench;
+        bench.device.setAnswersAdmin(false);
+        bench.session.setPassword("admin");
+        bench.session.start(bench.link.get());
+        QVERIFY(bench.reaches(State::SigningIn));
+        QStringList answers;
+        const auto collect = [&answers](const RpcResult& r) { answers << text(r); };
+        bench.session.refreshStatus(collect);
+        const qsizetype changes = bench.stateSpy.count();
+        bench.session.close(); // the cancelled sign-in belongs to a conversation that is over
+        QCOMPARE(answers, QStringList{"disconnected: Disconnected"});
+        QCOMPARE(bench.session.state(), State::Idle);
+        QCOMPARE(bench.stateSpy.count(), changes);
+        QVERIFY(bench.session.password().isEmpty());
+        bench.device.setAnswersAdmin(true);
+        QVERIFY(bench.signIn());
+        bench.device.setAnswersAdmin(false);
+        bench.session.refreshStatus(collect);
+        bench.link.reset();
+        QCOMPARE(answers.last(), "disconnected: " + kLost);
+        QCOMPARE(bench.stateSpy.last(), (QVariantList{QVariant::fromValue(State::Lost), kLost}));
+    }
+    // Three polls missed in a row lose the device; an answered one starts the count again.
+    void threeMissedPolls()
+    {
+        Lan bench;
+        QVERIFY(bench.signIn());
+        const int before = bench.polls();
+        bench.device.setStalled("/state", true);
+        QObject::connect(&bench.device.http(), &sim::HttpServer::requestReceived, &bench.device,
+                         [&](const sim::HttpRequest& request) {
+                             if (request.path == "/state") // only the third is answered
+                                 bench.device.setStalled("/state", bench.polls() - before != 3);
+                         });
+        QVERIFY(bench.reaches(State::Lost));
+        QCOMPARE(bench.polls() - before, 6);
+        QCOMPARE(bench.stateSpy.last().at(1).toString(), kLost);
+    }
+    // A forgotten sign-in is renewed unseen; a restart shows as polls that no longer get through.
+    void networkSession()
+    {
+        Lan bench;
+        QVERIFY(bench.signIn());
+        const qsizetype changes = bench.stateSpy.count();
         bench.device.forgetSession();
+        QTRY_COMPARE(bench.responder().methodsSeen().count("login"), 2);
+        bench.device.invalidateCsrf();
+        QCOMPARE(ask(bench.session, &S::ensureApiToken).first.code, "unauthorized");
+        QTRY_COMPARE(bench.responder().methodsSeen().count("login"), 3);
+        QVERIFY(ask(bench.session, &S::ensureApiToken).first.ok);
+        QCOMPARE(bench.stateSpy.count(), changes);
+        bench.device.setRebootDowntime(60000);
+        QVERIFY(ask(bench.session, &S::reboot).first.ok);
+        QVERIFY(bench.reaches(State::Restarting));
+        QCOMPARE(bench.stateSpy.count(), changes + 1);
     }
-    QTRY_COMPARE(bench.responder().methodsSeen().count("login"), 2);
-    Answer<QString> token;
-    bench.session.ensureApiToken(token.reply());
-    QVERIFY(token.wait() && token.result.ok);
-    const int envelopes = bench.envelopes.count();
-    QTRY_VERIFY(bench.envelopes.count() > envelopes);
-    QCOMPARE(bench.states.count(), changes);
-}
-
-void TestDeviceSession::rebootOverNetwork()
-{
-    Lan bench;
-    QVERIFY(bench.signIn());
-    bench.device.setRebootDowntime(60000);
-    Answer<> reboot;
-    bench.session.reboot(reboot.done());
-    QVERIFY(reboot.wait());
-    QVERIFY(bench.reaches(State::Restarting));
-    QCOMPARE(bench.session.isRestarting(), true);
-    QVERIFY(!statesOf(bench.states).contains(State::Lost));
-}
+};
 
 QTEST_GUILESS_MAIN(TestDeviceSession)
 #include "tst_device_session.moc"

@@ -1,450 +1,476 @@
-// The dock against a local portal, feed and update service, as a streamer would use it.
+// The dock and the windows it opens (the account's manage dialog, the setup wizard and the device
+// manager), against a local portal and update service and simulated devices.
 
-#include "admin/manage_dialog.h"
+#include "ble_helper_bridge.h"
 #include "common/app_support.h"
+#include "common/device_bench.h"
 #include "common/plugin_updater_support.h"
 #include "common/test_support.h"
-#include "core/app.h"
-#include "live/hosted_server.h"
-#include "sim/feed_server.h"
+#include "device_manager.h"
+#include "dock.h"
+#include "manage_dialog.h"
+#include "scene_actions.h"
+#include "setup_wizard.h"
+#include "sim/lan_device.h"
 #include "sim/portal_server.h"
 #include "sim/update_server.h"
-#include "ui/dock.h"
-#include "ui/scene_actions.h"
-#include "ui/setup_wizard.h"
+#include "sim/usb_device.h"
 
-#include <QCheckBox>
-#include <QComboBox>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QLabel>
-#include <QLineEdit>
-#include <QPushButton>
-#include <QSpinBox>
+#include <QPointer>
+#include <QRadioButton>
+#include <QTabWidget>
 #include <QTcpServer>
 #include <QTemporaryDir>
-#include <QTest>
-
-#include <memory>
 
 using namespace vantorelle;
 using namespace vantorelle::test;
 
-namespace {
-
-const QString kEmail = QStringLiteral("coach@example.com");
-const QString kPassword = QStringLiteral("hunter22");
-const QString kTotpEmail = QStringLiteral("ref@example.com");
-const QString kTotpCode = QStringLiteral("123456");
-const QString kErrorStyle = QStringLiteral("color: #d9534f;");
-
-QJsonObject lanEntry(const QString& host, const QString& token, const QString& name)
-{
-    return {{"host", host}, {"token", token}, {"name", name}};
-}
-
-// Scene actions as the module would give them, counting what the dock asks for.
-class RecordingSceneActions : public SceneActions
-{
-public:
-    bool canAddGraphics(QString* reason) const override
-    {
-        *reason = QStringLiteral("This OBS has no browser source, so graphics cannot be added.");
-        return false;
-    }
-    SceneActionResult addScoreText() override
-    {
-        ++textsAdded;
-        return {true, QStringLiteral("Added \"Vantorelle Score\" to the scene.")};
-    }
-    SceneActionResult addGraphics() override { return {}; }
-
-    int textsAdded = 0;
-};
-
-} // namespace
+static const QString kEmail = QStringLiteral("coach@example.com");
+static const QString kPassword = QStringLiteral("hunter22");
 
 class TestDock : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void init();
-    void cleanup();
-    void signIn_data();
+    void init()
+    {
+        QVERIFY(m_dir.isValid());
+        QFile::remove(m_dir.filePath("session.json"));
+        m_portal = std::make_unique<sim::PortalServer>();
+        QVERIFY(m_portal->start());
+        m_portal->addAccount(kEmail, kPassword);
+        m_portal->addAccount("ref@example.com", kPassword, "owner", "123456");
+        m_portal->addDevice(kEmail, {"court-1", "Court 1"});
+        m_portal->addDevice(kEmail, {"dev-2", "", "offline"});
+        m_portal->addDevice({}, {"VT-0042", "Court 3", "online", {}, {}, "CLAIM-7"});
+        m_portal->setLiveData("court-1", "hockey", {{"home_score", 2}});
+        m_usb = std::make_unique<sim::UsbDevice>();
+        QVERIFY(m_usb->start());
+    }
+    void cleanup()
+    {
+        // The windows show the application object, so they go first.
+        m_wizard.reset();
+        m_dock.reset();
+        m_app.reset();
+    }
     void signIn();
-    void signOutIsImmediate();
-    void deviceListIncludesLocalOnlyDevices();
-    void routeChoice_data();
-    void routeChoice();
-    void localDeviceGoesLive();
-    void serverPortChange();
-    void updateBanner_data();
+    void devicesAndRoutes();
     void updateBanner();
-    void sceneSection();
-    void setupWizardOpens();
+    void otherSections();
+    void manageDialog_data();
+    void manageDialog();
+    void wizardOverUsbIntoLiveData();
+    void wizardOverTheNetwork();
+    void wizardWithAReceiver();
+    void wizardBluetoothOnlyWithItsHelper();
 
 private:
-    void makeDock(QJsonObject settings = {}, SceneActions* actions = nullptr);
-    void signInThroughPortal();
-    template <typename T> T* widget(const char* name) const
+    void makeDock(QJsonObject settings = {}, SceneActions* actions = nullptr)
     {
-        T* found = m_dock->findChild<T*>(QLatin1String(name));
-        if (!found)
-            qFatal("the dock has no %s", name);
-        return found;
+        // "garage" is only on the network; "dev-2" has no token there and "shed" no address.
+        settings["lan"] = QJsonDocument::fromJson(R"({
+            "court-1": {"host": "127.0.0.1", "token": "t", "name": "Court 1"},
+            "dev-2": {"host": "127.0.0.1", "token": ""},
+            "garage": {"host": "127.0.0.1", "token": "t", "name": "Garage"},
+            "shed": {"host": "", "token": "t", "name": "Shed"}})")
+                              .object();
+        AppEnvironment env = testAppEnvironment(m_dir.path(), m_portal->baseUrl(), settings);
+        env.sources.feed.port = freePort();
+        m_dock.reset();
+        m_app = std::make_unique<App>(env);
+        m_dock = std::make_unique<Dock>(m_app.get(), actions);
+        m_dock->show();
     }
-    QStringList deviceLabels() const;
-    void choose(const char* comboName, const QString& value);
-
+    void makeWizard(BleHelperBridge* bluetooth = nullptr)
+    {
+        if (!m_app)
+            m_app = std::make_unique<App>(testAppEnvironment(m_dir.path(), m_portal->baseUrl()));
+        const QList<UsbPortInfo> ports{{"/dev/ttyS0", "Built-in serial port", false},
+                                       {m_usb->portPath(), "USB JTAG/serial debug unit", true}};
+        const UsbLinkSettings usb{.helloIntervalMs = 50, .giveUpMs = 400, .pingIntervalMs = 100};
+        m_wizard = std::make_unique<SetupWizard>(
+            m_app.get(),
+            SetupWizardSettings{[ports] { return ports; }, usb, FastSession, 400, bluetooth});
+        m_wizard->show();
+    }
+    // The window under test: the wizard while there is one, else the dock.
+    QWidget* root() const
+    {
+        return m_wizard ? m_wizard.get() : static_cast<QWidget*>(m_dock.get());
+    }
+    QString text(const QString& name) const { return shown(root(), name); }
+    bool red(const QString& label) const { return shownAsFailure(root(), label); }
+    void press(const QString& button) { click(root(), button); }
+    void type(const QJsonObject& fields) { fill(root(), fields); }
+    QStringList items(const char* name) const
+    {
+        QStringList texts;
+        for (int i = 0; i < child<QComboBox>(root(), name)->count(); ++i)
+            texts << child<QComboBox>(root(), name)->itemText(i);
+        return texts;
+    }
+    QString page() const { return m_wizard->currentPage()->objectName(); }
+    // Connects to the simulated USB device, or to the address typed.
+    void connectTo(const QString& address = {})
+    {
+        child<QRadioButton>(root(), address.isEmpty() ? "useUsb" : "useNetwork")->setChecked(true);
+        type({{"addressEdit", address}});
+        child<QListWidget>(root(), "portList")->setCurrentRow(1);
+        press("connectButton");
+    }
+    void signIn(const QString& password)
+    {
+        QTRY_VERIFY(child(root(), "passwordEdit")->isVisible());
+        type({{"passwordEdit", password}});
+        press("signInButton");
+    }
+    // Goes to the page `name` from the first one after signing in, noting the pages on the way.
+    void goToPage(const QString& name)
+    {
+        QTRY_VERIFY(child(root(), "nextButton")->isVisible());
+        while (child(root(), "backButton")->isEnabled())
+            press("backButton");
+        for (m_pages = {page()}; page() != name && child(root(), "nextButton")->isEnabled();
+             m_pages << page())
+            press("nextButton");
+    }
     QTemporaryDir m_dir;
     std::unique_ptr<sim::PortalServer> m_portal;
-    std::unique_ptr<sim::FeedServer> m_feed;
+    std::unique_ptr<sim::UsbDevice> m_usb;
     std::unique_ptr<App> m_app;
     std::unique_ptr<Dock> m_dock;
+    std::unique_ptr<SetupWizard> m_wizard;
+    QStringList m_pages;
 };
 
-void TestDock::init()
-{
-    QVERIFY(m_dir.isValid());
-    QFile::remove(m_dir.filePath("session.json"));
-    m_portal = std::make_unique<sim::PortalServer>();
-    QVERIFY(m_portal->start());
-    m_portal->addAccount(kEmail, kPassword);
-    m_portal->addAccount(kTotpEmail, kPassword, QStringLiteral("owner"), kTotpCode);
-    m_portal->addDevice(kEmail, {QStringLiteral("court-1"), QStringLiteral("Court 1")});
-    m_portal->addDevice(kEmail, {QStringLiteral("dev-2"), QString()});
-    m_feed = std::make_unique<sim::FeedServer>();
-    QVERIFY(m_feed->start());
-    m_feed->setExpectedToken(QStringLiteral("lan-token"));
-}
-
-void TestDock::cleanup()
-{
-    // The dock shows the application object, so it goes first.
-    m_dock.reset();
-    m_app.reset();
-    m_portal.reset();
-    m_feed.reset();
-}
-
-void TestDock::makeDock(QJsonObject settings, SceneActions* actions)
-{
-    // Both account devices are also on the network, one without its token; "garage" is only
-    // there, "shed" only half set up.
-    settings.insert("lan", QJsonObject{{"court-1", lanEntry("127.0.0.1", "lan-token", "Court 1")},
-                                       {"dev-2", lanEntry("127.0.0.1", "", "")},
-                                       {"garage", lanEntry("127.0.0.1", "lan-token", "Garage")},
-                                       {"shed", lanEntry("", "lan-token", "Shed")}});
-    AppEnvironment env = testAppEnvironment(m_dir.path(), m_portal->baseUrl(), settings);
-    env.sources.feed.port = m_feed->serverPort();
-    m_app = std::make_unique<App>(env);
-    m_dock = std::make_unique<Dock>(m_app.get(), actions);
-    m_dock->show();
-}
-
-void TestDock::signInThroughPortal()
-{
-    m_app->portal().signIn(kEmail, kPassword, [](const PortalResult&) {});
-    QTRY_VERIFY(m_app->isSignedIn());
-    QTRY_COMPARE(m_app->devices().size(), 2);
-}
-
-QStringList TestDock::deviceLabels() const
-{
-    auto* list = widget<QComboBox>("deviceList");
-    QStringList labels;
-    for (int i = 0; i < list->count(); ++i) {
-        if (!list->itemData(i).toString().isEmpty())
-            labels << list->itemText(i);
-    }
-    return labels;
-}
-
-// Picks the entry whose data is `value`, as a click in the list would.
-void TestDock::choose(const char* comboName, const QString& value)
-{
-    auto* combo = widget<QComboBox>(comboName);
-    const int index = combo->findData(value);
-    QVERIFY2(index >= 0, qPrintable(value));
-    combo->setCurrentIndex(index);
-    Q_EMIT combo->activated(index);
-}
-
-void TestDock::signIn_data()
-{
-    QTest::addColumn<QString>("email");
-    QTest::addColumn<QString>("password");
-    QTest::addColumn<QString>("code"); // empty: no second step
-    QTest::addColumn<QString>("error");
-
-    QTest::newRow("password") << kEmail << kPassword << QString() << QString();
-    QTest::newRow("password and code") << kTotpEmail << kPassword << kTotpCode << QString();
-    QTest::newRow("wrong password")
-        << kEmail << "nope" << QString()
-        << "That email and password did not match. Check them and try again.";
-    QTest::newRow("wrong code")
-        << kTotpEmail << kPassword << "654321"
-        << "That code was not accepted. Enter the current 6-digit code from your authenticator "
-           "app.";
-}
-
+// A wrong password, a wrong code, then the right code.
 void TestDock::signIn()
 {
-    QFETCH(QString, email);
-    QFETCH(QString, password);
-    QFETCH(QString, code);
-    QFETCH(QString, error);
     makeDock();
-    QVERIFY(widget<QLineEdit>("email")->isVisible());
-    QTest::keyClicks(widget<QLineEdit>("email"), email);
-    QTest::keyClicks(widget<QLineEdit>("password"), password);
-    widget<QPushButton>("signIn")->click();
-    if (!code.isEmpty()) {
-        QTRY_VERIFY(widget<QLineEdit>("code")->isVisible());
-        QVERIFY(!m_app->isSignedIn());
-        QTest::keyClicks(widget<QLineEdit>("code"), code);
-        widget<QPushButton>("verifyCode")->click();
-    }
-    auto* failure = widget<QLabel>("accountError");
-    if (error.isEmpty()) {
-        QTRY_VERIFY(m_app->isSignedIn());
-        QVERIFY(widget<QLabel>("accountEmail")->isVisible());
-        QCOMPARE(widget<QLabel>("accountEmail")->text(), "Signed in as " + email);
-        QVERIFY(!failure->isVisible());
-    } else {
-        QTRY_COMPARE(failure->text(), error);
-        QCOMPARE(failure->styleSheet(), kErrorStyle);
-        QVERIFY(failure->isVisible());
-        QVERIFY(!m_app->isSignedIn());
-    }
+    type({{"email", "nobody@example.com"}, {"password", kPassword}});
+    press("signIn");
+    QTRY_COMPARE(text("accountError"),
+                 "That email and password did not match. Check them and try again.");
+    QVERIFY(red("accountError"));
+    type({{"email", " ref@example.com"}});
+    press("signIn");
+    QTRY_VERIFY(child(root(), "code")->isVisible());
+    QVERIFY(!m_app->isSignedIn() && !child(root(), "verifyCode")->isEnabled());
+    QTest::keyClicks(child(root(), "code"), "654321");
+    press("verifyCode");
+    QTRY_COMPARE(text("accountError"), "That code was not accepted. Enter the current 6-digit "
+                                       "code from your authenticator app.");
+    QTest::keyClicks(child(root(), "code"), "123456");
+    press("verifyCode");
+    QTRY_COMPARE(text("accountEmail"), "Signed in as ref@example.com");
+    QVERIFY(m_app->isSignedIn() && text("accountError").isEmpty() && !red("accountError"));
 }
 
-void TestDock::signOutIsImmediate()
+// The account's devices and those set up on the network; the routes the chosen one can take;
+// the manage dialog for a device of the account; signing out.
+void TestDock::devicesAndRoutes()
 {
-    makeDock();
-    signInThroughPortal();
-    QTRY_VERIFY(widget<QPushButton>("signOut")->isVisible());
-    QVERIFY(QFile::exists(m_dir.filePath("session.json")));
+    makeDock({{"routes", QJsonObject{{"court-1", "cloud"}}}});
+    QCOMPARE(items("deviceList"),
+             QStringList({"Choose a device", "Court 1 (court-1)", "Garage (garage)"}));
+    QCOMPARE(text("routeChoice") + text("manageDevice"), "");
+    QCOMPARE(text("liveStatus"), "Choose a device to see live scores.");
+    type({{"email", kEmail}, {"password", kPassword}});
+    press("signIn");
+    QTRY_COMPARE(items("deviceList"),
+                 QStringList({"Choose a device", "Court 1 (court-1)", "dev-2", "Garage (garage)"}));
+    type({{"deviceList", "court-1"}});
+    QCOMPARE(items("routeChoice"), QStringList({"Vantorelle cloud", "Local network"}));
+    QCOMPARE(text("routeChoice"), "Vantorelle cloud");
+    type({{"routeChoice", int(Route::Lan)}});
+    QCOMPARE(text("liveStatus"), "Connecting to Court 1 on your network");
+    press("manageDevice");
+    QCOMPARE(m_dock->findChild<ManageDialog*>()->windowTitle(), "Manage court-1");
 
-    widget<QPushButton>("signOut")->click();
-    QVERIFY(!m_app->isSignedIn());
-    QVERIFY(!QFile::exists(m_dir.filePath("session.json")));
-    QVERIFY(widget<QLineEdit>("email")->isVisible());
-    // The portal hears of it too, though nobody waits for its answer.
-    QTRY_VERIFY(std::any_of(
-        m_portal->http().requests().cbegin(), m_portal->http().requests().cend(),
-        [](const sim::HttpRequest& r) { return r.method == "POST" && r.path == "/auth/logout"; }));
-}
-
-void TestDock::deviceListIncludesLocalOnlyDevices()
-{
-    makeDock();
-    // Signed out, the devices on the local network are still there to choose.
-    QCOMPARE(deviceLabels(), (QStringList{"Court 1 (court-1)", "Garage (garage)"}));
-    QVERIFY(widget<QComboBox>("deviceList")->itemText(0).startsWith("Choose"));
-
-    signInThroughPortal();
-    QTRY_COMPARE(deviceLabels(), (QStringList{"Court 1 (court-1)", "dev-2", "Garage (garage)"}));
-    QVERIFY(widget<QLabel>("devicesError")->isHidden());
-    QVERIFY(widget<QWidget>("relayPanel")->isHidden());
-
+    type({{"deviceList", "garage"}});
+    QCOMPARE(items("routeChoice"), QStringList{"Local network"});
+    QVERIFY(!child(root(), "routeChoice")->isEnabled());
+    QCOMPARE(text("manageDevice"), "");
     m_portal->fail("/devices", 502);
     m_app->refreshDevices();
-    QTRY_COMPARE(widget<QLabel>("devicesError")->text(),
+    QTRY_COMPARE(text("devicesError"),
                  "The Vantorelle service could not reach the live data feed. Try again shortly.");
-    QCOMPARE(widget<QLabel>("devicesError")->styleSheet(), kErrorStyle);
+    QVERIFY(red("devicesError"));
+    press("signOut"); // at once, and the saved sign-in goes too
+    QVERIFY(!m_app->isSignedIn() && !QFile::exists(m_dir.filePath("session.json")));
+    QCOMPARE(text("signIn"), "Sign in");
 }
 
-void TestDock::routeChoice_data()
-{
-    QTest::addColumn<QString>("device");
-    QTest::addColumn<QStringList>("routes"); // offered, in order
-    QTest::addColumn<QString>("route");      // chosen afterwards
-    QTest::addColumn<int>("mode");
-    QTest::addColumn<bool>("manageable");
-
-    const int cloud = int(SourceManager::Mode::Cloud);
-    const int network = int(SourceManager::Mode::Network);
-    QTest::newRow("account device on the network")
-        << "court-1" << QStringList{"cloud", "lan"} << "lan" << network << true;
-    QTest::newRow("back to the cloud")
-        << "court-1" << QStringList{"cloud", "lan"} << "cloud" << cloud << true;
-    QTest::newRow("entry without token")
-        << "dev-2" << QStringList{"cloud"} << "cloud" << cloud << true;
-    QTest::newRow("local only") << "garage" << QStringList{"lan"} << "lan" << network << false;
-}
-
-void TestDock::routeChoice()
-{
-    QFETCH(QString, device);
-    QFETCH(QStringList, routes);
-    QFETCH(QString, route);
-    QFETCH(int, mode);
-    QFETCH(bool, manageable);
-    // Every device starts on the other route than the one chosen, so a choice has to happen.
-    makeDock({{"routes", QJsonObject{{"court-1", route == "lan" ? "cloud" : "lan"}}}});
-    signInThroughPortal();
-
-    choose("deviceList", device);
-    QCOMPARE(m_app->settings().selectedDevice(), device);
-    auto* routeChoice = widget<QComboBox>("routeChoice");
-    QStringList offered;
-    for (int i = 0; i < routeChoice->count(); ++i)
-        offered << routeChoice->itemData(i).toString();
-    QCOMPARE(offered, routes);
-    QCOMPARE(routeChoice->isEnabled(), routes.size() > 1);
-
-    if (routes.size() > 1)
-        choose("routeChoice", route);
-    QCOMPARE(m_app->settings().route(device), route);
-    QCOMPARE(int(m_app->sourceManager()->mode()), mode);
-    QCOMPARE(widget<QPushButton>("manageDevice")->isVisible(), manageable);
-    if (manageable) {
-        widget<QPushButton>("manageDevice")->click();
-        auto* dialog = m_dock->findChild<ManageDialog*>();
-        QVERIFY(dialog);
-        QCOMPARE(dialog->windowTitle(), "Manage " + device);
-    }
-}
-
-void TestDock::localDeviceGoesLive()
-{
-    makeDock();
-    auto* status = widget<QLabel>("liveStatus");
-    QCOMPARE(status->text(), "Choose a device to see live scores.");
-    QVERIFY(!widget<QLabel>("liveIndicator")->isVisible());
-
-    choose("deviceList", "garage");
-    QCOMPARE(status->text(), "Connecting to Garage on your network");
-    QTRY_COMPARE(m_feed->authenticatedCount(), 1);
-    m_feed->broadcast(QJsonDocument::fromJson(R"({"type":"state","sport":"hockey",)"
-                                              R"("fields":{"home_score":2}})")
-                          .object());
-    QTRY_COMPARE(status->text(), "Live from Garage over your network");
-    QVERIFY(widget<QLabel>("liveIndicator")->isVisible());
-    QVERIFY(!m_app->isSignedIn());
-}
-
-void TestDock::serverPortChange()
-{
-    const quint16 first = freePort();
-    makeDock({{"server_enabled", true}, {"server_port", first}});
-    auto* state = widget<QLabel>("serverState");
-    QCOMPARE(state->text(), QStringLiteral("Listening on port %1, 0 clients").arg(first));
-    LineClient client;
-    QVERIFY(client.connectTo("127.0.0.1", first));
-    QTRY_COMPARE(state->text(), QStringLiteral("Listening on port %1, 1 client").arg(first));
-
-    QTcpServer holder;
-    QVERIFY(holder.listen(QHostAddress::LocalHost));
-    widget<QSpinBox>("serverPort")->setValue(holder.serverPort());
-    QCOMPARE(m_app->settings().serverPort(), int(holder.serverPort()));
-    QVERIFY(!m_app->server()->isListening());
-    QVERIFY2(state->text().startsWith(
-                 QStringLiteral("Could not listen on port %1: ").arg(holder.serverPort())),
-             qPrintable(state->text()));
-    QCOMPARE(state->styleSheet(), kErrorStyle);
-
-    widget<QCheckBox>("serverEnabled")->setChecked(false);
-    QVERIFY(!m_app->settings().serverEnabled());
-    QCOMPARE(state->text(), "Not running");
-    QVERIFY(!widget<QSpinBox>("serverPort")->isEnabled());
-}
-
-void TestDock::updateBanner_data()
-{
-    QTest::addColumn<QString>("version"); // published; empty: the service fails
-    QTest::addColumn<bool>("selfUpdate");
-    QTest::addColumn<QString>("banner");
-    QTest::addColumn<QString>("details");
-    QTest::addColumn<bool>("install");
-    QTest::addColumn<bool>("link");
-
-    const QString available = QStringLiteral("Version 1.2.0 is available.");
-    const QString details = QStringLiteral("Version 1.2.0, released 2026-11-02\nFaster\nFixes");
-    QTest::newRow("up to date") << "1.0.1" << true << "Vantorelle 1.0.1 is up to date." << QString()
-                                << false << false;
-    QTest::newRow("available") << "1.2.0" << true << available << details << true << false;
-    QTest::newRow("available, installed for all users")
-        << "1.2.0" << false << available << details << false << true;
-    QTest::newRow("service fails")
-        << QString() << true
-        << "Could not reach the Vantorelle update service. Check your internet connection."
-        << QString() << false << false;
-}
-
+// The banner says what the update service answered: a failure, then an update this plug-in can
+// install, then one only offered for download.
 void TestDock::updateBanner()
 {
-    QFETCH(QString, version);
-    QFETCH(bool, selfUpdate);
-    QFETCH(QString, banner);
-    QFETCH(QString, details);
-    QFETCH(bool, install);
-    QFETCH(bool, link);
     sim::UpdateServer service;
     QVERIFY(service.start());
+    service.setManifestResponse(sim::HttpResponse::text("down", 500));
+    makeDock();
     UpdaterSandbox sandbox;
-    if (version.isEmpty()) {
-        service.setManifestResponse(sim::HttpResponse::text("down", 500));
-    } else {
-        QJsonObject manifest = service.publish(version, platformPackageKey(), "package");
-        manifest.insert("released", "2026-11-02");
-        manifest.insert("notes", QJsonArray{"Faster", "Fixes"});
-        service.setManifest(manifest);
-    }
-    makeDock();
     UpdaterConfig config = sandbox.config(service.manifestUrl());
-    if (!selfUpdate)
-        config.installFolder.clear();
+    config.downloadPage = "https://example.com/get";
     m_app->updater().setConfig(config);
-    QCOMPARE(widget<QLabel>("lastUpdateCheck")->text(), "Not checked yet");
-
-    widget<QPushButton>("checkUpdates")->click();
-    QCOMPARE(widget<QLabel>("updateBanner")->text(), "Checking for updates");
-    QVERIFY(!widget<QPushButton>("checkUpdates")->isEnabled());
-    QTRY_COMPARE(widget<QLabel>("updateBanner")->text(), banner);
-    QCOMPARE(widget<QLabel>("updateBanner")->styleSheet().isEmpty(), !version.isEmpty());
-    QCOMPARE(widget<QLabel>("updateDetails")->text(), details);
-    QCOMPARE(widget<QPushButton>("installUpdate")->isVisible(), install);
-    QCOMPARE(widget<QLabel>("downloadLink")->isVisible(), link);
-    QVERIFY(widget<QPushButton>("checkUpdates")->isEnabled());
-    QCOMPARE(widget<QLabel>("lastUpdateCheck")->text().startsWith("Last checked"),
-             !version.isEmpty());
-
-    widget<QCheckBox>("autoCheckUpdates")->setChecked(true);
-    QVERIFY(m_app->settings().autoCheckUpdates());
+    press("checkUpdates");
+    QTRY_COMPARE(text("updateBanner"),
+                 "Could not reach the Vantorelle update service. Check your internet connection.");
+    QVERIFY(red("updateBanner"));
+    QJsonObject manifest = service.publish("1.2.0", platformPackageKey(), "package");
+    manifest["released"] = "2026-11-02";
+    manifest["notes"] = QJsonArray{"Faster", "Fixes"};
+    service.setManifest(manifest);
+    press("checkUpdates");
+    QTRY_COMPARE(text("updateBanner"), "Version 1.2.0 is available.");
+    QCOMPARE(text("updateDetails"), "Version 1.2.0, released 2026-11-02\nFaster\nFixes");
+    QCOMPARE(text("installUpdate") + '|' + text("downloadLink"), "Install|");
+    QVERIFY(!red("updateBanner"));
+    config.installFolder.clear(); // installed for all users
+    m_app->updater().setConfig(config);
+    press("checkUpdates");
+    QTRY_COMPARE(text("installUpdate") + '|' + text("downloadLink"),
+                 "|<a href=\"https://example.com/get\">Download version 1.2.0</a>");
 }
 
-void TestDock::sceneSection()
+// The sharing server's port and state; the scene section; the setup wizard opens from the dock.
+void TestDock::otherSections()
 {
-    makeDock();
-    QVERIFY(!m_dock->findChild<QWidget*>("scenePanel"));
-    m_dock.reset();
-    m_app.reset();
+    struct : SceneActions
+    {
+        bool canAddGraphics(QString* reason) const override
+        {
+            *reason = "No browser source here.";
+            return false;
+        }
+        SceneActionResult addScoreText() override { return {++added > 0, "Added the text."}; }
+        SceneActionResult addGraphics() override { return {}; }
+        int added = 0;
+    } actions;
+    const quint16 first = freePort();
+    makeDock({{"server_enabled", true}, {"server_port", first}}, &actions);
+    QCOMPARE(text("serverState"), QStringLiteral("Listening on port %1, 0 clients").arg(first));
+    LineClient client;
+    QVERIFY(client.connectTo("127.0.0.1", first));
+    QTRY_COMPARE(text("serverState"), QStringLiteral("Listening on port %1, 1 client").arg(first));
+    QTcpServer holder;
+    QVERIFY(holder.listen(QHostAddress::LocalHost));
+    type({{"serverPort", holder.serverPort()}});
+    const QString busy = QStringLiteral("Could not listen on port %1: ").arg(holder.serverPort());
+    QVERIFY2(text("serverState").startsWith(busy) && red("serverState"), qPrintable(busy));
+    type({{"serverEnabled", false}});
+    QCOMPARE(text("serverState"), "Not running");
+    QVERIFY(!child(root(), "serverPort")->isEnabled());
 
-    RecordingSceneActions actions;
-    makeDock({}, &actions);
-    QVERIFY(!widget<QPushButton>("addGraphics")->isEnabled());
-    QCOMPARE(widget<QLabel>("graphicsUnavailable")->text(),
-             "This OBS has no browser source, so graphics cannot be added.");
-    widget<QPushButton>("addScoreText")->click();
-    QCOMPARE(actions.textsAdded, 1);
-    QCOMPARE(widget<QLabel>("sceneResult")->text(), "Added \"Vantorelle Score\" to the scene.");
-    m_dock.reset(); // before the scene actions go
-}
+    QVERIFY(!child(root(), "addGraphics")->isEnabled());
+    QCOMPARE(text("graphicsUnavailable"), "No browser source here.");
+    press("addScoreText");
+    QCOMPARE(actions.added, 1);
+    QCOMPARE(text("sceneResult"), "Added the text.");
 
-void TestDock::setupWizardOpens()
-{
-    makeDock();
-    widget<QPushButton>("setupDevice")->click();
-    auto* wizard = m_dock->findChild<SetupWizard*>();
-    QVERIFY(wizard);
-    QVERIFY(wizard->isVisible());
+    press("setupDevice");
+    QPointer<SetupWizard> wizard = m_dock->findChild<SetupWizard*>();
+    QVERIFY(wizard && wizard->isVisible());
     wizard->close();
-    QTRY_VERIFY(!m_dock->findChild<SetupWizard*>());
-    // Only a device followed through a session can be managed from here.
-    QVERIFY(widget<QPushButton>("manageConnected")->isHidden());
+    QTRY_VERIFY(!wizard);
+    QCOMPARE(text("manageConnected"), ""); // no device followed through a session
+    cleanup();                             // before the scene actions go
+}
+
+// [name, device, button, choices made, a portal answer replaced (path: body, or failing status),
+// progress, status line, result (or the scoreboard the portal got), whether that failed]
+void TestDock::manageDialog_data()
+{
+    addRows(R"json([
+["status", "court-1", "checkStatus", {}, {}, "Asking the device…", "Status received.",
+ "device_id: court-1\nnickname: Court 1\nonline: true\nseq: 1\nsport: hockey"],
+["update", "court-1", "checkUpdate", {}, {}, "Checking for a firmware update…",
+ "Update check finished.", "command: ota_check\nok: true"],
+["restart", "court-1", "restartDevice", {}, {}, "Restarting…", "Restart sent.", ""],
+["restart offline", "dev-2", "restartDevice", {}, {}, "Restarting…",
+ "The device is offline; it will restart when it reconnects.", ""],
+["scoreboard", "court-1", "changeScoreboard", {"manufacturer": "Northgate", "sport": "wrestling",
+  "inputType": "rs485"}, {}, "Sending to the device…", "The device accepted the new scoreboard.",
+ {"manufacturer": "Northgate", "model": "MPX", "sport": "wrestling", "input_type": "rs485"}],
+["restart fails", "court-1", "restartDevice", {}, {"/devices/court-1/cmd/reboot": 502},
+ "Restarting…", "The Vantorelle service could not reach the live data feed. Try again shortly.",
+ "", true],
+["scoreboard fails", "court-1", "changeScoreboard", {}, {"/devices/court-1/config": 402},
+ "Sending to the device…", "This device needs an active Vantorelle cloud plan for that.", "", true]
+])json");
+}
+
+void TestDock::manageDialog()
+{
+    QFETCH(QJsonArray, row);
+    makeDock();
+    m_app->portal().signIn(kEmail, kPassword, [](const PortalResult&) {});
+    QTRY_VERIFY(m_app->isSignedIn());
+    const QString device = row[1].toString(), path = row[4].toObject().keys().value(0);
+    if (row[4][path].isObject())
+        m_portal->setFailure(path, sim::HttpResponse::json(row[4][path].toObject()));
+    else if (!path.isEmpty())
+        m_portal->fail(path, row[4][path].toInt());
+    ManageDialog dialog(device, &m_app->portal());
+    QCOMPARE(dialog.windowTitle(), "Manage " + device);
+    fill(&dialog, row[3].toObject());
+    click(&dialog, row[2].toString());
+    QCOMPARE(shown(&dialog, "status"), row[5].toString());
+    QTRY_COMPARE(shown(&dialog, "status"), row[6].toString());
+    QCOMPARE(shownAsFailure(&dialog, "status"), row[8].toBool());
+    if (row[7].isObject())
+        QCOMPARE(m_portal->deviceConfig(device), row[7].toObject());
+    else
+        QCOMPARE(shown(&dialog, "result"), row[7].toString());
+}
+
+// Over the cable: a wrong password, a forced change of it; the device joins Wi-Fi, its live data
+// on the network takes the address it got there, it joins the account and OBS follows it; the
+// device manager then drives it until it is unplugged.
+void TestDock::wizardOverUsbIntoLiveData()
+{
+    m_usb->setPassword("s3cret");
+    m_usb->admin()->setMustChangePassword(true);
+    makeWizard();
+    QCOMPARE(text("portList"), "Built-in serial port\nUSB JTAG/serial debug unit  – likely a "
+                               "Vantorelle device");
+    connectTo();
+    signIn("wrong");
+    QTRY_COMPARE(text("signInMessage"), "The device did not accept that password. Try again.");
+    QVERIFY(red("signInMessage"));
+    signIn("s3cret");
+    QTRY_VERIFY(child(root(), "newPasswordEdit")->isVisible());
+    QCOMPARE(text("currentPasswordEdit"), "s3cret");
+    type({{"newPasswordEdit", "better-one"}, {"confirmPasswordEdit", "better-two"}});
+    press("changePasswordButton");
+    QCOMPARE(text("signInMessage"), "The new passwords do not match.");
+    type({{"confirmPasswordEdit", "better-one"}});
+    press("changePasswordButton");
+    QTRY_COMPARE(page(), "wifiPanel");
+    QCOMPARE(m_usb->admin()->password(), "better-one");
+
+    QTRY_VERIFY(child(root(), "scanWifi")->isEnabled());
+    press("scanWifi");
+    QTRY_COMPARE(child<QListWidget>(root(), "networkList")->count(), 4);
+    child<QListWidget>(root(), "networkList")->setCurrentRow(0);
+    type({{"wifiPassword", "puck-drop-7"}});
+    press("joinWifi");
+    QTRY_COMPARE(message(m_wizard->currentPage()), "Joined Arena-Staff (192.168.1.57).");
+    goToPage("localFeedPage");
+    press("enableLiveData");
+    QTRY_COMPARE(text("localFeedMessage"), "Stored for Vantorelle 0042 (VT-0042): address "
+                                           "192.168.1.57, token " +
+                                               m_usb->admin()->apiToken() + ".");
+    QCOMPARE(m_app->settings().lanEntry("VT-0042").token, m_usb->admin()->apiToken());
+    goToPage("cloudPage");
+    QCOMPARE(text("addToAccount"), ""); // not signed in yet
+    m_app->portal().signIn(kEmail, kPassword, [](const PortalResult&) {});
+    QTRY_VERIFY(m_app->isSignedIn());
+    type({{"claimCodeEdit", " CLAIM-7 "}}); // the portal wants it for this device
+    press("addToAccount");
+    QTRY_COMPARE(text("cloudMessage"), "The device is now on your account.");
+
+    goToPage("finishPage");
+    press("useForLiveData");
+    SourceManager* live = m_app->sourceManager();
+    QCOMPARE(live->status(), "Connected to Vantorelle 0042, waiting for scoreboard data");
+    m_wizard.reset(); // the live data keeps the session
+    m_usb->sendEnvelope({{"type", "state"}, {"fields", QJsonObject{{"home_score", 7}}}});
+    QTRY_COMPARE(live->status(), "Live from Vantorelle 0042");
+    QCOMPARE(m_app->live().value("home_score"), "7");
+
+    DeviceManager manager(m_app.get(), live->session(), "VT-0042");
+    QTRY_VERIFY(shown(&manager, "statusLines").contains("wifi_sta_ip: 192.168.1.57"));
+    m_usb->unplug();
+    QTRY_COMPARE(shown(&manager, "sessionState"),
+                 "The USB device was unplugged or stopped responding.");
+    QVERIFY(shownAsFailure(&manager, "sessionState"));
+}
+
+// Over the network: addresses that cannot be used or reached, then the device's; its pages;
+// the local feed keeps the address it was reached at (not the web port); closing lets it go.
+void TestDock::wizardOverTheNetwork()
+{
+    sim::LanDevice lan;
+    QVERIFY(lan.start());
+    makeWizard();
+    connectTo("court one");
+    QCOMPARE(text("connectionMessage"), "That address cannot be used. Type the device's number "
+                                        "(such as 12), its name or its IP address.");
+    connectTo("http://7/setup");
+    QTRY_COMPARE(text("connectionMessage"),
+                 "Could not reach vantorelle-0007.local on your network. Check the address, and "
+                 "that this computer and the device are on the same network.");
+    QCOMPARE(text("addressEdit"), "vantorelle-0007.local");
+    connectTo(QStringLiteral("http://%1/").arg(lan.address()));
+    signIn("admin");
+    goToPage("finishPage");
+    QCOMPARE(m_pages, QStringList({"wifiPanel", "controllerPanel", "wirelessPanel", "localFeedPage",
+                                   "cloudPage", "finishPage"}));
+    goToPage("localFeedPage");
+    press("enableLiveData");
+    QTRY_COMPARE(text("localFeedMessage"), "Stored for Vantorelle 0042 (VT-0042): address "
+                                           "127.0.0.1, token " +
+                                               lan.responder().apiToken() + ".");
+    QCOMPARE(m_app->settings().lanEntry("VT-0042").host, "127.0.0.1");
+    QPointer<DeviceSession> session = m_wizard->session().get();
+    m_wizard->reject();
+    QTRY_VERIFY(!session);
+    QCOMPARE(page(), "connectionPage");
+}
+
+// A wireless receiver: no sign-in, its own settings only, in the wizard and the device manager.
+void TestDock::wizardWithAReceiver()
+{
+    m_usb->setRole(sim::UsbDevice::Role::Receiver);
+    makeWizard();
+    connectTo();
+    goToPage("finishPage");
+    QCOMPARE(m_pages, QStringList({"wirelessPanel", "finishPage"}));
+    QVERIFY(!m_usb->admin()->methodsSeen().contains("login"));
+    press("useForLiveData");
+    QCOMPARE(m_app->sourceManager()->status(),
+             "Connected to Vantorelle Receiver, waiting for scoreboard data");
+
+    DeviceManager manager(m_app.get(), m_app->sourceManager()->session(), "the receiver");
+    QCOMPARE(manager.tabs()->count(), 1);
+    QCOMPARE(manager.tabs()->tabText(0), "Receiver");
+    QVERIFY(!child(&manager, "restartDevice"));
+    QWidget* panel = child(&manager, "wirelessPanel");
+    QTRY_VERIFY(child(panel, "generateReceiverKey")->isEnabled());
+    click(panel, "generateReceiverKey");
+    QTRY_VERIFY(!m_usb->receiverKey().isEmpty());
+    QTRY_COMPARE(shown(panel, "receiverKey"), m_usb->receiverKey());
+    QCOMPARE(message(panel), "The receiver's new key: " + m_usb->receiverKey());
+    fill(panel, {{"receiverChannel", 3}});
+    click(panel, "applyReceiver");
+    QTRY_COMPARE(message(panel), "The receiver took the settings.");
+    QCOMPARE(m_usb->receiverChannel(), 3);
+    click(panel, "restartReceiver");
+    QTRY_COMPARE(message(panel), "The receiver is restarting. It will be back in a moment.");
+}
+
+// Bluetooth is offered only with its helper; through it the device is found, paired, signed in.
+void TestDock::wizardBluetoothOnlyWithItsHelper()
+{
+    makeWizard();
+    QVERIFY(!child(root(), "useBluetooth"));
+    qputenv("VANTORELLE_BLE_SIM_PASSKEY", "482913");
+    BleHelperBridge bridge({.startTimeoutMs = 5000, .requestTimeoutMs = 3000, .scanMs = 50});
+    bridge.setHelperPath(QStringLiteral(VANTORELLE_BLE_SIM));
+    makeWizard(&bridge);
+    child<QRadioButton>(root(), "useBluetooth")->setChecked(true);
+    QVERIFY(!child(root(), "portList")->isVisible());
+    press("scanBluetooth");
+    QTRY_COMPARE(text("bluetoothList"), "Vantorelle 0042 (F4:12:FA:00:00:42, -58 dBm)");
+    type({{"blePasskeyEdit", "482913"}});
+    press("connectButton");
+    signIn("admin");
+    QTRY_COMPARE(page(), "wifiPanel");
+    cleanup(); // the session and its link before the bridge
+    qunsetenv("VANTORELLE_BLE_SIM_PASSKEY");
 }
 
 QTEST_MAIN(TestDock)

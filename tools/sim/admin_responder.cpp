@@ -1,6 +1,5 @@
 #include "sim/admin_responder.h"
 
-#include "admin/controller_catalogue.h"
 #include "sim/game.h"
 
 #include <QJsonDocument>
@@ -18,14 +17,6 @@ constexpr int OtaStepPercent = 25;
 QString text(const char* latin1)
 {
     return QString::fromLatin1(latin1);
-}
-
-QJsonObject controllerEntry(const ControllerChoice& choice)
-{
-    return {{QStringLiteral("manufacturer"), choice.manufacturer},
-            {QStringLiteral("model"), choice.model},
-            {QStringLiteral("sport"), choice.sport},
-            {QStringLiteral("input_type"), choice.input_type}};
 }
 
 QJsonObject status(const char* word)
@@ -490,13 +481,23 @@ AdminResponder::Answer AdminResponder::setEspNow(const QJsonObject& params)
     return {true, result, {}, {}};
 }
 
+// The device's own list, written out rather than taken from the plug-in, so that the plug-in is
+// checked against a device and not against itself.
 QJsonArray AdminResponder::controllerCatalogue()
 {
-    // The device supports what the plug-in offers.
-    QJsonArray entries;
-    for (const ControllerChoice& choice : vantorelle::controllerCatalogue())
-        entries.append(controllerEntry(choice));
-    return entries;
+    const auto entry = [](const char* maker, const char* model, const char* sport,
+                          const char* input) {
+        return QJsonObject{{QStringLiteral("manufacturer"), text(maker)},
+                           {QStringLiteral("model"), text(model)},
+                           {QStringLiteral("sport"), text(sport)},
+                           {QStringLiteral("input_type"), text(input)}};
+    };
+    return {entry("Vantorelle", "Wireless Bridge", "hockey", "wireless"),
+            entry("Vantorelle", "Wireless Bridge", "basketball", "wireless"),
+            entry("Arcline", "AS-500", "hockey", "rs232"),
+            entry("Arcline", "AS-500", "basketball", "rs232"),
+            entry("Northgate", "MPX", "wrestling", "rs485"),
+            entry("Kestrel Boards", "2600", "soccer", "current_loop")};
 }
 
 QJsonArray AdminResponder::wifiNetworks()

@@ -11,7 +11,7 @@
 
 namespace vantorelle::sim {
 
-// The device's side of the admin request protocol (Parts 5.1, 5.3): takes a request document
+// The device's side of the admin request protocol: takes a request document
 // {"id","method","params"} and returns the reply {"id","ok","result"} or {"id","ok":false,
 // "error":{"code","message"}}. Answers every method of the catalogue with plausible results and
 // keeps the settings it is given. Knows nothing of the transport that carries the documents.

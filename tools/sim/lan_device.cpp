@@ -1,7 +1,5 @@
 #include "sim/lan_device.h"
 
-#include "admin/http_admin_transport.h"
-
 #include <QJsonDocument>
 #include <QTimer>
 #include <QUrlQuery>
@@ -9,7 +7,46 @@
 
 namespace vantorelle::sim {
 
+// One request method of the device's HTTP API and where the device serves it.
+struct LanRoute
+{
+    const char* method;
+    const char* verb;
+    const char* path;
+    bool form; // parameters arrive as application/x-www-form-urlencoded instead of JSON
+};
+
 namespace {
+
+// The routes as the device's firmware serves them; kept apart from the plug-in's own table so
+// that a wrong path on either side shows.
+constexpr LanRoute Routes[] = {
+    {"login", "POST", "/login", false},
+    {"getStatus", "GET", "/api/status", false},
+    {"networkTest", "GET", "/api/network-test", false},
+    {"changePassword", "POST", "/api/auth/change-password", false},
+    {"ensureApiToken", "POST", "/api/auth/api-token", false},
+    {"getSettings", "GET", "/api/settings", false},
+    {"setSettings", "POST", "/api/settings", false},
+    {"getControllerList", "GET", "/api/controller/list", false},
+    {"getControllerConfig", "GET", "/api/controller/config", false},
+    {"setControllerConfig", "POST", "/api/controller/config", false},
+    {"scanWifi", "GET", "/scan", false},
+    {"configureWifi", "POST", "/configure", true},
+    {"getState", "GET", "/state", false},
+    {"reboot", "POST", "/api/system/reboot", false},
+    {"otaCheck", "GET", "/ota/check", false},
+    {"otaApply", "POST", "/ota/apply", false},
+    {"otaProgress", "GET", "/ota/progress", false},
+    {"c6OtaStatus", "GET", "/api/system/c6-ota", false},
+    {"c6OtaApply", "POST", "/api/system/c6-ota", false},
+    {"getMqttConfig", "GET", "/api/mqtt/broker", false},
+    {"setMqttConfig", "POST", "/api/mqtt/broker", false},
+    {"getDeviceId", "GET", "/api/device-id", false},
+    {"setDeviceId", "POST", "/api/device-id", false},
+    {"provision", "POST", "/api/provision", false},
+    {"blePasskey", "GET", "/api/auth/ble-passkey", false},
+};
 
 QByteArray randomToken()
 {
@@ -38,7 +75,7 @@ int statusForCode(const QString& code)
     return 400;
 }
 
-QJsonObject paramsOf(const HttpAdminRoute& route, const HttpRequest& request)
+QJsonObject paramsOf(const LanRoute& route, const HttpRequest& request)
 {
     if (qstrcmp(route.verb, "GET") == 0)
         return {};
@@ -55,7 +92,7 @@ QJsonObject paramsOf(const HttpAdminRoute& route, const HttpRequest& request)
 
 LanDevice::LanDevice(QObject* parent) : QObject(parent)
 {
-    for (const HttpAdminRoute& route : httpAdminRoutes()) {
+    for (const LanRoute& route : Routes) {
         m_http.route(route.verb, QString::fromLatin1(route.path),
                      [this, &route](const HttpRequest& request) { return serve(route, request); });
     }
@@ -104,7 +141,7 @@ void LanDevice::setWifiJoinOutcome(const QString& state, const QString& detail, 
     m_joinAfterMs = afterMs;
 }
 
-HttpResponse LanDevice::serve(const HttpAdminRoute& route, const HttpRequest& request)
+HttpResponse LanDevice::serve(const LanRoute& route, const HttpRequest& request)
 {
     if (m_stalledPaths.contains(request.path)) {
         HttpResponse never;

@@ -10,11 +10,9 @@
 #include <QSet>
 #include <QString>
 
-namespace vantorelle {
-struct HttpAdminRoute;
-}
-
 namespace vantorelle::sim {
+
+struct LanRoute;
 
 // A device on the local network: serves the HTTP admin API on 127.0.0.1 and answers through its
 // own AdminResponder, so results match those over USB. Signing in hands out a session cookie
@@ -57,7 +55,7 @@ public:
     QByteArray csrfToken() const { return m_csrf; }
 
 private:
-    HttpResponse serve(const HttpAdminRoute& route, const HttpRequest& request);
+    HttpResponse serve(const LanRoute& route, const HttpRequest& request);
     HttpResponse login(const QJsonObject& params);
     HttpResponse reboot();
     HttpResponse call(const QString& method, const QJsonObject& params);

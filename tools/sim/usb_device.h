@@ -1,8 +1,8 @@
 #pragma once
 
-#include "links/admin_reassembler.h"
-#include "links/frame_codec.h"
-#include "links/frame_decoder.h"
+#include "admin_reassembler.h"
+#include "frame_codec.h"
+#include "frame_decoder.h"
 
 #include <QByteArray>
 #include <QJsonObject>

@@ -2,8 +2,8 @@
 
 #include "console.h"
 
-#include "links/http_link.h"
-#include "links/usb_link.h"
+#include "http_link.h"
+#include "usb_link.h"
 
 namespace vantorelle::bridge {
 

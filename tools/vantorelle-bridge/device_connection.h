@@ -2,8 +2,8 @@
 
 #include "command_line.h"
 
-#include "admin/device_session.h"
-#include "links/device_link.h"
+#include "device_link.h"
+#include "device_session.h"
 
 #include <QObject>
 #include <QString>

@@ -9,7 +9,7 @@
 #include "watch.h"
 
 #include "common/quit_on_signals.h"
-#include "links/serial_port.h"
+#include "serial_port.h"
 
 #include <QCoreApplication>
 #include <QTimer>

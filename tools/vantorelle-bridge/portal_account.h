@@ -1,6 +1,6 @@
 #pragma once
 
-#include "portal/portal_client.h"
+#include "portal_client.h"
 
 #include <QString>
 

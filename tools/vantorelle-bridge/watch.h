@@ -3,11 +3,11 @@
 #include "command_line.h"
 
 // The session header needs the link complete wherever it is included.
-#include "links/device_link.h"
-#include "live/hosted_server.h"
-#include "live/live_data.h"
-#include "live/source_manager.h"
-#include "portal/portal_client.h"
+#include "device_link.h"
+#include "hosted_server.h"
+#include "live_data.h"
+#include "portal_client.h"
+#include "source_manager.h"
 
 #include <QObject>
 #include <QString>

@@ -1,0 +1,430 @@
+#include "app.h"
+
+#include "cloud_relay.h"
+#include "device_session.h"
+#include "hosted_server.h"
+#include "log.h"
+#include "source_manager.h"
+#include "usb_link.h"
+
+#include <QDateTime>
+#include <QEventLoop>
+#include <QJsonArray>
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <optional>
+
+namespace vantorelle {
+
+namespace {
+
+std::atomic<App*> s_instance{nullptr};
+
+QString portalAddress(const AppEnvironment& environment)
+{
+    if (!environment.portalUrl.isEmpty())
+        return environment.portalUrl;
+    const QString fromEnvironment = qEnvironmentVariable("VANTORELLE_PORTAL_URL");
+    return fromEnvironment.isEmpty() ? QStringLiteral(VANTORELLE_PORTAL_URL) : fromEnvironment;
+}
+
+// The source manager's settings; VANTORELLE_FEED_PORT moves the devices' live feed port, so a
+// simulated device can serve it without the privileges port 1010 needs.
+SourceManagerSettings sourceSettings(const AppEnvironment& environment)
+{
+    SourceManagerSettings settings = environment.sources;
+    bool ok = false;
+    const int port = qEnvironmentVariableIntValue("VANTORELLE_FEED_PORT", &ok);
+    if (ok && port > 0 && port <= 65535)
+        settings.feed.port = quint16(port);
+    return settings;
+}
+
+} // namespace
+
+App* App::instance()
+{
+    return s_instance.load(std::memory_order_acquire);
+}
+
+void App::setInstance(App* app)
+{
+    s_instance.store(app, std::memory_order_release);
+}
+
+App::App(const AppEnvironment& environment, QObject* parent)
+    : QObject(parent), m_portal(portalAddress(environment))
+{
+    m_settings.load(environment.settingsFile);
+    m_portal.jar()->setPath(environment.sessionFile);
+    m_portal.jar()->load();
+
+    m_sourceManager = new SourceManager(&m_portal, &m_live, sourceSettings(environment), this);
+
+    m_server = new HostedServer(&m_live, this);
+    m_server->setHandler([this](const QString& op, const QJsonObject& request) {
+        return handleServerRequest(op, request);
+    });
+    connect(&m_live, &LiveData::changed, m_server, &HostedServer::broadcast);
+    connect(m_server, &HostedServer::clientsChanged, this, &App::serverStateChanged);
+
+    connect(&m_portal, &PortalClient::signedInChanged, this, &App::onSignedInChanged);
+
+    applyServerSettings();
+    configureUpdater(environment);
+    startLocalDevice();
+    restoreSignIn();
+}
+
+App::~App()
+{
+    // Clients are told at once, before the rest of the plug-in goes away.
+    m_server->stop();
+}
+
+void App::configureUpdater(const AppEnvironment& environment)
+{
+    UpdaterConfig config;
+    const QString manifestOverride = qEnvironmentVariable("VANTORELLE_UPDATE_URL");
+    if (!manifestOverride.isEmpty())
+        config.manifestUrl = manifestOverride;
+    config.obsVersion = environment.obsVersion;
+    config.stagingFolder = environment.updateFolder;
+    config.installFolder = environment.pluginRoot;
+    m_updater.setConfig(config);
+    // Files an earlier update could not replace while OBS held them.
+    if (!environment.pluginRoot.isEmpty())
+        PluginUpdater::removeOldFiles(environment.pluginRoot);
+
+    connect(&m_updater, &PluginUpdater::stateChanged, this, &App::onUpdaterStateChanged);
+
+    m_firstUpdateCheck.setSingleShot(true);
+    m_firstUpdateCheck.setInterval(environment.firstUpdateCheckMs);
+    m_dailyUpdateCheck.setInterval(environment.updateCheckIntervalMs);
+    connect(&m_firstUpdateCheck, &QTimer::timeout, this, &App::automaticUpdateCheck);
+    connect(&m_dailyUpdateCheck, &QTimer::timeout, this, &App::automaticUpdateCheck);
+    m_firstUpdateCheck.start();
+    m_dailyUpdateCheck.start();
+}
+
+void App::onUpdaterStateChanged()
+{
+    // The signal also fires for new texts in the same state (download progress): act on entry.
+    const PluginUpdater::State state = m_updater.state();
+    if (state == m_updaterState)
+        return;
+    m_updaterState = state;
+    if (state == PluginUpdater::UpToDate || state == PluginUpdater::Available) {
+        m_settings.setLastUpdateCheck(double(QDateTime::currentSecsSinceEpoch()));
+    } else if (state == PluginUpdater::Installed) {
+        logLine(
+            LogLevel::Info,
+            QStringLiteral("[vantorelle] plugin %1 installed; takes effect on the next OBS start")
+                .arg(m_updater.manifest().version));
+    }
+}
+
+void App::automaticUpdateCheck()
+{
+    if (m_settings.autoCheckUpdates())
+        m_updater.check(false);
+}
+
+void App::restoreSignIn()
+{
+    m_portal.restoreSession([](const PortalResult& result) {
+        // Signed out and offline both just show the user as signed out.
+        if (!result.ok && result.status != 401 && result.status != 0)
+            logLine(LogLevel::Warning,
+                    QStringLiteral("[vantorelle] could not restore sign-in: HTTP %1")
+                        .arg(result.status));
+    });
+}
+
+// A device on the local network never needs the account: follow it straight away.
+void App::startLocalDevice()
+{
+    const QString id = m_settings.selectedDevice();
+    if (!id.isEmpty() && m_settings.route(id) == Route::Lan && m_settings.lanEntry(id).usable())
+        selectDevice(id);
+}
+
+void App::onSignedInChanged(bool signedIn)
+{
+    if (!signedIn) {
+        if (!m_devices.isEmpty() || !m_outputs.isEmpty()) {
+            m_devices.clear();
+            m_outputs.clear();
+            Q_EMIT devicesChanged();
+            Q_EMIT outputsChanged();
+        }
+        return;
+    }
+    refreshDevices([this](bool ok, const QString&) {
+        if (ok)
+            restoreSelection();
+    });
+    refreshOutputs();
+}
+
+void App::restoreSelection()
+{
+    const QString stored = m_settings.selectedDevice();
+    QString chosen;
+    for (const DeviceEntry& device : std::as_const(m_devices)) {
+        if (device.id == stored)
+            chosen = stored;
+    }
+    if (chosen.isEmpty() && m_devices.size() == 1)
+        chosen = m_devices.first().id;
+    // A local device followed since start-up keeps its feed rather than reconnecting.
+    const bool alreadyFollowed =
+        chosen == m_followed && m_sourceManager->mode() == SourceManager::Mode::Network;
+    if (!chosen.isEmpty() && !alreadyFollowed)
+        selectDevice(chosen);
+}
+
+void App::refreshDevices(Done done)
+{
+    const QPointer<App> alive(this);
+    m_portal.listDevices([alive, done = std::move(done)](const PortalResult& result) {
+        if (!alive)
+            return;
+        App* self = alive;
+        if (result.ok) {
+            self->m_devices.clear();
+            for (const PortalDevice& device : PortalClient::parseDevices(result))
+                self->m_devices.append(
+                    {device.deviceId, device.nickname,
+                     QJsonObject{{QStringLiteral("device_id"), device.deviceId},
+                                 {QStringLiteral("nickname"), device.nickname},
+                                 {QStringLiteral("status"), device.status},
+                                 {QStringLiteral("ble_passkey"), device.blePasskey}}});
+            self->m_devicesError.clear();
+        } else {
+            self->m_devicesError = result.message;
+        }
+        Q_EMIT self->devicesChanged();
+        if (done)
+            done(result.ok, result.message);
+    });
+}
+
+void App::refreshOutputs(Done done)
+{
+    if (!m_portal.isSignedIn()) {
+        m_outputsError = QStringLiteral("Sign in from the Vantorelle dock to see your graphics.");
+        Q_EMIT outputsChanged();
+        if (done)
+            done(false, m_outputsError);
+        return;
+    }
+    const QPointer<App> alive(this);
+    m_portal.listOutputs([alive, done = std::move(done)](const PortalResult& result) {
+        if (!alive)
+            return;
+        App* self = alive;
+        if (result.ok) {
+            self->m_outputs = self->m_portal.parseOutputs(result);
+            self->m_outputsError.clear();
+        } else if (result.error == QLatin1String("cloud_subscription_required") ||
+                   result.status == 402) {
+            self->m_outputsError = QStringLiteral("Graphics need an active Vantorelle cloud plan.");
+        } else {
+            self->m_outputsError = result.message;
+        }
+        Q_EMIT self->outputsChanged();
+        if (done)
+            done(result.ok, self->m_outputsError);
+    });
+}
+
+bool App::refreshOutputsBlocking(int timeoutMs)
+{
+    QEventLoop loop;
+    // Shared with the callback, which may run after this frame is gone.
+    auto outcome = std::make_shared<std::optional<bool>>();
+    const QPointer<QEventLoop> guard(&loop);
+    refreshOutputs([outcome, guard](bool ok, const QString&) {
+        *outcome = ok;
+        if (guard)
+            guard->quit();
+    });
+    if (!outcome->has_value()) {
+        QTimer::singleShot(timeoutMs, &loop, &QEventLoop::quit);
+        loop.exec();
+    }
+    return outcome->value_or(false);
+}
+
+QString App::deviceName(const QString& id) const
+{
+    for (const DeviceEntry& device : m_devices) {
+        if (device.id == id && !device.name.isEmpty())
+            return device.name;
+    }
+    const QString lanName = m_settings.lanEntry(id).name;
+    return lanName.isEmpty() ? id : lanName;
+}
+
+void App::selectDevice(const QString& id)
+{
+    m_settings.setSelectedDevice(id);
+    m_followed = id;
+    const LanEntry lan = m_settings.lanEntry(id);
+    if (m_settings.route(id) == Route::Lan && lan.usable())
+        m_sourceManager->useLan(lan.host, lan.token, deviceName(id));
+    else
+        m_sourceManager->useCloud(id, deviceName(id));
+}
+
+QList<DeviceEntry> App::choosableDevices() const
+{
+    QList<DeviceEntry> choosable = m_devices;
+    for (const QString& id : m_settings.lanDeviceIds()) {
+        const LanEntry lan = m_settings.lanEntry(id);
+        if (lan.usable() && !isInAccount(id))
+            choosable.append({id, lan.name, {}});
+    }
+    return choosable;
+}
+
+bool App::isInAccount(const QString& id) const
+{
+    return !id.isEmpty() && std::any_of(m_devices.cbegin(), m_devices.cend(),
+                                        [&](const DeviceEntry& d) { return d.id == id; });
+}
+
+QList<Route> App::routesOf(const QString& id) const
+{
+    QList<Route> routes;
+    if (isInAccount(id))
+        routes << Route::Cloud;
+    if (!id.isEmpty() && m_settings.lanEntry(id).usable())
+        routes << Route::Lan;
+    return routes;
+}
+
+void App::chooseDevice(const QString& id)
+{
+    if (id.isEmpty())
+        return;
+    const QList<Route> routes = routesOf(id);
+    if (!routes.isEmpty() && !routes.contains(m_settings.route(id)))
+        m_settings.setRoute(id, routes.first());
+    selectDevice(id);
+}
+
+void App::chooseRoute(const QString& id, Route route)
+{
+    if (id.isEmpty())
+        return;
+    m_settings.setRoute(id, route);
+    selectDevice(id);
+}
+
+void App::followSetUpDevice(const std::shared_ptr<DeviceSession>& session, const QString& name)
+{
+    if (auto* usb = qobject_cast<UsbLink*>(session->link())) {
+        m_settings.setLastUsbPort(usb->portName());
+        addRelay(usb->cloudRelay());
+    }
+    m_sourceManager->useLink(session, name);
+}
+
+void App::applyServerSettings()
+{
+    if (m_settings.serverEnabled()) {
+        QString error;
+        if (!m_server->start(quint16(m_settings.serverPort()), m_settings.serverAllowNetwork(),
+                             &error))
+            logLine(LogLevel::Warning, QStringLiteral("[vantorelle] %1").arg(error));
+    } else {
+        m_server->stop();
+    }
+    Q_EMIT serverStateChanged();
+}
+
+void App::addRelay(CloudRelay* relay)
+{
+    if (!relay || m_relays.contains(relay))
+        return;
+    m_relays.removeAll(nullptr);
+    m_relays.append(relay);
+    relay->setShareConnection(m_settings.shareConnection());
+    connect(relay, &CloudRelay::stateChanged, this, &App::usbRelaysChanged);
+    connect(relay, &QObject::destroyed, this, [this] {
+        m_relays.removeAll(nullptr);
+        Q_EMIT usbRelaysChanged();
+    });
+    Q_EMIT usbRelaysChanged();
+}
+
+void App::setShareConnection(bool share)
+{
+    m_settings.setShareConnection(share);
+    for (const QPointer<CloudRelay>& relay : std::as_const(m_relays)) {
+        if (relay)
+            relay->setShareConnection(share);
+    }
+}
+
+QStringList App::relayStatusLines() const
+{
+    QStringList lines;
+    for (const QPointer<CloudRelay>& relay : m_relays) {
+        const UsbLink* link = relay ? relay->link() : nullptr;
+        if (!link)
+            continue;
+        QString label = link->deviceInfo().value(QStringLiteral("name")).toString();
+        if (link->isReceiver())
+            label = QStringLiteral("wireless receiver");
+        else if (label.isEmpty())
+            label = QStringLiteral("USB device");
+        QString state;
+        if (relay->isConnected())
+            state = QStringLiteral("connected to the cloud through this computer");
+        else if (!relay->lastError().isEmpty())
+            state = QStringLiteral("cannot reach the cloud (%1)").arg(relay->lastError());
+        else if (relay->isReady())
+            state = QStringLiteral("ready, waiting for the device");
+        else
+            state = QStringLiteral("waiting for the paired device");
+        lines.append(QStringLiteral("%1: %2").arg(label, state));
+    }
+    return lines;
+}
+
+QJsonObject App::handleServerRequest(const QString& op, const QJsonObject& request)
+{
+    if (op == QLatin1String("status")) {
+        return {{QStringLiteral("signed_in"), m_portal.isSignedIn()},
+                {QStringLiteral("account"), m_portal.email()},
+                {QStringLiteral("source"), m_sourceManager->sourceDescription()},
+                {QStringLiteral("device"), m_settings.selectedDevice()},
+                {QStringLiteral("live"), m_sourceManager->isLive()},
+                {QStringLiteral("message"), m_sourceManager->status()},
+                {QStringLiteral("sport"), m_live.sport()}};
+    }
+    if (op == QLatin1String("devices")) {
+        QJsonArray list;
+        for (const DeviceEntry& device : std::as_const(m_devices))
+            list.append(QJsonObject{{QStringLiteral("id"), device.id},
+                                    {QStringLiteral("name"), deviceLabel(device.name, device.id)}});
+        return {{QStringLiteral("devices"), list}};
+    }
+    if (op == QLatin1String("use")) {
+        const QString id = request.value(QLatin1String("device")).toString();
+        const bool known = std::any_of(m_devices.cbegin(), m_devices.cend(),
+                                       [&](const DeviceEntry& d) { return d.id == id; });
+        if (!known)
+            return {{QStringLiteral("ok"), false}, {QStringLiteral("error"), "unknown_device"}};
+        selectDevice(id);
+        return {{QStringLiteral("device"), id}};
+    }
+    return {{QStringLiteral("ok"), false}, {QStringLiteral("error"), "unknown_op"}};
+}
+
+} // namespace vantorelle

@@ -1,0 +1,186 @@
+#include "settings_store.h"
+
+#include <QFile>
+#include <QJsonDocument>
+#include <QStringList>
+
+#include <cmath>
+
+namespace vantorelle {
+
+namespace {
+
+const char* const kSelectedDevice = "selected_device";
+const char* const kServerEnabled = "server_enabled";
+const char* const kServerPort = "server_port";
+const char* const kServerAllowNetwork = "server_allow_network";
+const char* const kShareConnection = "share_connection";
+const char* const kAutoCheckUpdates = "auto_check_updates";
+const char* const kLastUpdateCheck = "last_update_check";
+const char* const kLastUsbPort = "last_usb_port";
+const char* const kRoutes = "routes";
+const char* const kLan = "lan";
+// The values of a `routes` entry.
+const char* const kRouteLan = "lan";
+const char* const kRouteCloud = "cloud";
+
+} // namespace
+
+void SettingsStore::load(const QString& path)
+{
+    m_path = path;
+    m_doc = {};
+    QFile file(path);
+    if (path.isEmpty() || !file.open(QIODevice::ReadOnly))
+        return;
+    const QJsonDocument doc = QJsonDocument::fromJson(file.readAll());
+    if (doc.isObject())
+        m_doc = doc.object();
+}
+
+QString SettingsStore::stringValue(const char* key, const QString& fallback) const
+{
+    const QJsonValue v = m_doc.value(QLatin1String(key));
+    return v.isString() ? v.toString() : fallback;
+}
+
+bool SettingsStore::boolValue(const char* key, bool fallback) const
+{
+    const QJsonValue v = m_doc.value(QLatin1String(key));
+    return v.isBool() ? v.toBool() : fallback;
+}
+
+void SettingsStore::setValue(const char* key, const QJsonValue& value)
+{
+    m_doc.insert(QLatin1String(key), value);
+    save();
+}
+
+void SettingsStore::setInner(const char* key, const QString& deviceId, const QJsonValue& value)
+{
+    const QJsonValue current = m_doc.value(QLatin1String(key));
+    QJsonObject inner = current.isObject() ? current.toObject() : QJsonObject{};
+    inner.insert(deviceId, value);
+    setValue(key, inner);
+}
+
+void SettingsStore::save() const
+{
+    if (m_path.isEmpty())
+        return;
+    // A failed save is not reported: the next setter saves the whole document again.
+    saveFileAtomically(m_path, QJsonDocument(m_doc).toJson(QJsonDocument::Indented), m_writer);
+}
+
+QString SettingsStore::selectedDevice() const
+{
+    return stringValue(kSelectedDevice);
+}
+void SettingsStore::setSelectedDevice(const QString& id)
+{
+    setValue(kSelectedDevice, id);
+}
+bool SettingsStore::serverEnabled() const
+{
+    return boolValue(kServerEnabled, false);
+}
+void SettingsStore::setServerEnabled(bool enabled)
+{
+    setValue(kServerEnabled, enabled);
+}
+
+int SettingsStore::serverPort() const
+{
+    const QJsonValue v = m_doc.value(QLatin1String(kServerPort));
+    const double d = v.toDouble(-1);
+    // Only a whole number that is a TCP port counts; anything else is the default.
+    if (!v.isDouble() || d != std::floor(d) || d < 1 || d > 65535)
+        return DefaultServerPort;
+    return static_cast<int>(d);
+}
+
+void SettingsStore::setServerPort(int port)
+{
+    setValue(kServerPort, port);
+}
+bool SettingsStore::serverAllowNetwork() const
+{
+    return boolValue(kServerAllowNetwork, false);
+}
+void SettingsStore::setServerAllowNetwork(bool allow)
+{
+    setValue(kServerAllowNetwork, allow);
+}
+bool SettingsStore::shareConnection() const
+{
+    return boolValue(kShareConnection, true);
+}
+void SettingsStore::setShareConnection(bool share)
+{
+    setValue(kShareConnection, share);
+}
+bool SettingsStore::autoCheckUpdates() const
+{
+    return boolValue(kAutoCheckUpdates, true);
+}
+void SettingsStore::setAutoCheckUpdates(bool enabled)
+{
+    setValue(kAutoCheckUpdates, enabled);
+}
+
+double SettingsStore::lastUpdateCheck() const
+{
+    const QJsonValue v = m_doc.value(QLatin1String(kLastUpdateCheck));
+    return v.isDouble() ? v.toDouble() : 0.0;
+}
+
+void SettingsStore::setLastUpdateCheck(double seconds)
+{
+    setValue(kLastUpdateCheck, seconds);
+}
+QString SettingsStore::lastUsbPort() const
+{
+    return stringValue(kLastUsbPort);
+}
+void SettingsStore::setLastUsbPort(const QString& port)
+{
+    setValue(kLastUsbPort, port);
+}
+
+Route SettingsStore::route(const QString& deviceId) const
+{
+    const QJsonValue route = m_doc.value(QLatin1String(kRoutes)).toObject().value(deviceId);
+    return route.toString() == QLatin1String(kRouteLan) ? Route::Lan : Route::Cloud;
+}
+
+void SettingsStore::setRoute(const QString& deviceId, Route route)
+{
+    setInner(kRoutes, deviceId, QLatin1String(route == Route::Lan ? kRouteLan : kRouteCloud));
+}
+
+LanEntry SettingsStore::lanEntry(const QString& deviceId) const
+{
+    const QJsonObject entry =
+        m_doc.value(QLatin1String(kLan)).toObject().value(deviceId).toObject();
+    auto text = [&](const char* key) {
+        const QJsonValue v = entry.value(QLatin1String(key));
+        return v.isString() ? v.toString() : QString();
+    };
+    return {text("host"), text("token"), text("name")};
+}
+
+void SettingsStore::setLanEntry(const QString& deviceId, const QString& host, const QString& token,
+                                const QString& name)
+{
+    setInner(kLan, deviceId,
+             QJsonObject{{QStringLiteral("host"), host},
+                         {QStringLiteral("token"), token},
+                         {QStringLiteral("name"), name}});
+}
+
+QStringList SettingsStore::lanDeviceIds() const
+{
+    return m_doc.value(QLatin1String(kLan)).toObject().keys();
+}
+
+} // namespace vantorelle

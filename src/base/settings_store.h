@@ -1,0 +1,81 @@
+#pragma once
+
+#include "atomic_file.h"
+
+#include <QJsonObject>
+#include <QString>
+
+namespace vantorelle {
+
+// Where a device's live data comes from when it is chosen: the portal's state poll, or the
+// device's own feed on the local network. Kept per device as "cloud" or "lan".
+enum class Route
+{
+    Cloud,
+    Lan
+};
+
+// How one device is reached on the local network.
+struct LanEntry
+{
+    QString host;
+    QString token;
+    QString name;
+
+    // An entry without both an address and a token cannot carry live data.
+    bool usable() const { return !host.isEmpty() && !token.isEmpty(); }
+};
+
+// The user's choices, kept in memory as one JSON object and saved whole after every change.
+// Reads never fail: a missing key or a value of another JSON type gives the default.
+class SettingsStore
+{
+public:
+    static constexpr quint16 DefaultServerPort = 9001;
+
+    void load(const QString& path);
+    QString path() const { return m_path; }
+
+    QString selectedDevice() const;
+    void setSelectedDevice(const QString& id);
+    bool serverEnabled() const;
+    void setServerEnabled(bool enabled);
+    int serverPort() const;
+    void setServerPort(int port);
+    bool serverAllowNetwork() const;
+    void setServerAllowNetwork(bool allow);
+    bool shareConnection() const;
+    void setShareConnection(bool share);
+    bool autoCheckUpdates() const;
+    void setAutoCheckUpdates(bool enabled);
+    // Seconds since the Unix epoch; 0 when no check has finished yet.
+    double lastUpdateCheck() const;
+    void setLastUpdateCheck(double seconds);
+    QString lastUsbPort() const;
+    void setLastUsbPort(const QString& port);
+
+    // Cloud for a device without an entry.
+    Route route(const QString& deviceId) const;
+    void setRoute(const QString& deviceId, Route route);
+    LanEntry lanEntry(const QString& deviceId) const;
+    void setLanEntry(const QString& deviceId, const QString& host, const QString& token,
+                     const QString& name);
+    // Every device id that has a `lan` entry, in key order.
+    QStringList lanDeviceIds() const;
+
+    // Replaces how a save writes its bytes (tests fail saves through it).
+    void setSaveWriter(SaveWriter writer) { m_writer = std::move(writer); }
+
+private:
+    QString stringValue(const char* key, const QString& fallback = {}) const;
+    bool boolValue(const char* key, bool fallback) const;
+    void setValue(const char* key, const QJsonValue& value);
+    void setInner(const char* key, const QString& deviceId, const QJsonValue& value);
+    void save() const;
+
+    QString m_path;
+    QJsonObject m_doc;
+    SaveWriter m_writer;
+};
+
+} // namespace vantorelle

@@ -1,0 +1,178 @@
+// OBS module entry points: create the application object, register the sources, add the dock.
+
+#include "app.h"
+#include "ble_helper_bridge.h"
+#include "dock.h"
+#include "graphics_source.h"
+#include "log.h"
+#include "obs_compat.h"
+#include "obs_scene_actions.h"
+#include "text_source.h"
+#include "version.h"
+
+#include <obs-module.h>
+
+#include <QApplication>
+#include <QDir>
+#include <QJsonDocument>
+#include <QPointer>
+
+OBS_DECLARE_MODULE()
+OBS_MODULE_USE_DEFAULT_LOCALE("vantorelle-obs", "en-US")
+
+namespace {
+
+constexpr const char* kDockId = "vantorelle-dock";
+
+QPointer<QWidget> s_dock;
+vantorelle::ObsSceneActions s_sceneActions;
+
+// Takes a string libobs allocated for us.
+QString takeObsString(char* text)
+{
+    const QString result = text ? QString::fromUtf8(text) : QString();
+    bfree(text);
+    return result;
+}
+
+vantorelle::AppEnvironment appEnvironment()
+{
+    vantorelle::AppEnvironment env;
+    env.settingsFile = takeObsString(obs_module_config_path("settings.json"));
+    env.sessionFile = takeObsString(obs_module_config_path("session.json"));
+    env.updateFolder = takeObsString(obs_module_config_path("update"));
+    // The module's data folder sits directly under the plug-in root.
+    const QString data = takeObsString(obs_find_module_file(obs_current_module(), ""));
+    if (!data.isEmpty())
+        env.pluginRoot = QDir(data).absoluteFilePath(QStringLiteral(".."));
+    env.pluginRoot = QDir::cleanPath(env.pluginRoot);
+    env.obsVersion = QString::fromUtf8(obs_get_version_string());
+    return env;
+}
+
+// Procedures for scripts and other plug-ins: push an envelope into the live data, read the
+// snapshot. Either may be called from any thread; the live data guards itself.
+void procApplyEnvelope(void*, calldata_t* data)
+{
+    vantorelle::App* app = vantorelle::App::instance();
+    const char* text = calldata_string(data, "envelope");
+    const QJsonDocument doc = QJsonDocument::fromJson(QByteArray(text ? text : ""));
+    calldata_set_bool(data, "accepted", app && doc.isObject() && app->live().apply(doc.object()));
+}
+
+void procSnapshot(void*, calldata_t* data)
+{
+    vantorelle::App* app = vantorelle::App::instance();
+    const QByteArray line = app ? app->live().toJsonLine().trimmed() : QByteArray();
+    calldata_set_string(data, "snapshot", line.constData());
+}
+
+// The Bluetooth helper lies in the plug-in's data folder; without it Bluetooth is not offered.
+void locateBluetoothHelper()
+{
+    vantorelle::BleHelperBridge& bridge = vantorelle::BleHelperBridge::instance();
+    const QByteArray name = vantorelle::BleHelperBridge::helperFileName().toUtf8();
+    bridge.setHelperPath(takeObsString(obs_find_module_file(obs_current_module(), name)));
+    if (bridge.helperPath().isEmpty())
+        blog(LOG_DEBUG, "[vantorelle] no Bluetooth helper (%s); Bluetooth is not offered",
+             name.constData());
+    else
+        blog(LOG_DEBUG, "[vantorelle] Bluetooth helper: %s",
+             bridge.helperPath().toUtf8().constData());
+}
+
+void registerProcedures()
+{
+    static bool registered = false;
+    if (registered)
+        return;
+    registered = true;
+    proc_handler_t* procs = obs_get_proc_handler();
+    proc_handler_add(procs, "void vantorelle_apply_envelope(in string envelope, out bool accepted)",
+                     procApplyEnvelope, nullptr);
+    proc_handler_add(procs, "void vantorelle_get_snapshot(out string snapshot)", procSnapshot,
+                     nullptr);
+}
+
+void logToObs(vantorelle::LogLevel level, const QString& line)
+{
+    int obsLevel = LOG_INFO;
+    switch (level) {
+    case vantorelle::LogLevel::Error:
+        obsLevel = LOG_ERROR;
+        break;
+    case vantorelle::LogLevel::Warning:
+        obsLevel = LOG_WARNING;
+        break;
+    case vantorelle::LogLevel::Info:
+        obsLevel = LOG_INFO;
+        break;
+    case vantorelle::LogLevel::Debug:
+        obsLevel = LOG_DEBUG;
+        break;
+    }
+    blog(obsLevel, "%s", line.toUtf8().constData());
+}
+
+void addDock()
+{
+    // Widgets need a widget application; a headless host has none and gets no dock.
+    if (!qobject_cast<QApplication*>(QCoreApplication::instance()))
+        return;
+    vantorelle::App* app = vantorelle::App::instance();
+    auto* dock = new vantorelle::Dock(app, &s_sceneActions);
+    if (!vantorelle::compat::addDock(kDockId, "Vantorelle", dock)) {
+        delete dock;
+        return;
+    }
+    s_dock = dock;
+    // Where OBS cannot take a dock out again, its contents must not outlive the application
+    // object they show.
+    QObject::connect(app, &QObject::destroyed, dock, [dock] { delete dock; });
+}
+
+} // namespace
+
+MODULE_EXPORT const char* obs_module_name(void)
+{
+    return "Vantorelle";
+}
+
+MODULE_EXPORT const char* obs_module_description(void)
+{
+    return "Live Vantorelle scoreboard data, graphics and device setup inside OBS.";
+}
+
+bool obs_module_load(void)
+{
+    vantorelle::setLogSink(logToObs);
+    blog(LOG_INFO, "[vantorelle] loading plugin %s",
+         vantorelle::pluginVersion().toUtf8().constData());
+
+    if (!vantorelle::App::instance())
+        vantorelle::App::setInstance(new vantorelle::App(appEnvironment()));
+    vantorelle::App* app = vantorelle::App::instance();
+    locateBluetoothHelper();
+
+    vantorelle::registerTextSource();
+    vantorelle::registerGraphicsSource();
+    QObject::connect(&app->live(), &vantorelle::LiveData::changed, app,
+                     &vantorelle::refreshTextSources);
+    registerProcedures();
+    addDock();
+    return true;
+}
+
+void obs_module_unload(void)
+{
+    vantorelle::compat::removeDock(kDockId);
+    s_dock.clear();
+    vantorelle::BleHelperBridge::instance().shutdown();
+
+    vantorelle::App* app = vantorelle::App::instance();
+    vantorelle::App::setInstance(nullptr);
+    delete app;
+
+    blog(LOG_INFO, "[vantorelle] plugin unloaded");
+    vantorelle::setLogSink({});
+}

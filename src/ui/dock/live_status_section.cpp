@@ -1,0 +1,34 @@
+#include "live_status_section.h"
+
+#include "panel_style.h"
+#include "source_manager.h"
+
+#include <QHBoxLayout>
+#include <QLabel>
+
+namespace vantorelle {
+
+LiveStatusSection::LiveStatusSection(SourceManager* sources, QWidget* parent)
+    : QWidget(parent), m_sources(sources)
+{
+    setObjectName(QStringLiteral("liveStatusPanel"));
+    auto* layout = new QHBoxLayout(this);
+    layout->setContentsMargins(0, 0, 0, 0);
+    m_indicator = new QLabel(QStringLiteral("<b>● LIVE</b>"));
+    m_indicator->setObjectName(QStringLiteral("liveIndicator"));
+    m_status = wrappedLabel(QStringLiteral("liveStatus"));
+    layout->addWidget(m_indicator, 0, Qt::AlignTop);
+    layout->addWidget(m_status, 1);
+    connect(m_sources, &SourceManager::statusChanged, this, &LiveStatusSection::refresh);
+    refresh();
+}
+
+void LiveStatusSection::refresh()
+{
+    const QString status = m_sources->status();
+    m_status->setText(status.isEmpty() ? QStringLiteral("Choose a device to see live scores.")
+                                       : status);
+    m_indicator->setVisible(m_sources->isLive());
+}
+
+} // namespace vantorelle

@@ -1,0 +1,77 @@
+#include "server_section.h"
+
+#include "app.h"
+#include "hosted_server.h"
+#include "panel_style.h"
+
+#include <QCheckBox>
+#include <QFormLayout>
+#include <QLabel>
+#include <QSpinBox>
+#include <QVBoxLayout>
+
+namespace vantorelle {
+
+ServerSection::ServerSection(App* app, QWidget* parent) : QWidget(parent), m_app(app)
+{
+    auto* layout = sectionLayout(this, "serverPanel", QStringLiteral("Sharing server"));
+    m_enabled = new QCheckBox(QStringLiteral("Share live data with other programs"));
+    m_enabled->setObjectName(QStringLiteral("serverEnabled"));
+    m_port = new QSpinBox;
+    m_port->setObjectName(QStringLiteral("serverPort"));
+    m_port->setRange(1, 65535);
+    // A port is applied once typed in full, not at every digit.
+    m_port->setKeyboardTracking(false);
+    m_allowNetwork = new QCheckBox(QStringLiteral("Allow other computers"));
+    m_allowNetwork->setObjectName(QStringLiteral("serverAllowNetwork"));
+    m_state = wrappedLabel(QStringLiteral("serverState"));
+    auto* form = new QFormLayout;
+    form->addRow(QStringLiteral("Port"), m_port);
+    layout->addWidget(m_enabled);
+    layout->addLayout(form);
+    layout->addWidget(m_allowNetwork);
+    layout->addWidget(m_state);
+
+    const SettingsStore& settings = m_app->settings();
+    m_enabled->setChecked(settings.serverEnabled());
+    m_port->setValue(settings.serverPort());
+    m_allowNetwork->setChecked(settings.serverAllowNetwork());
+
+    connect(m_enabled, &QCheckBox::toggled, this, &ServerSection::apply);
+    connect(m_port, &QSpinBox::valueChanged, this, &ServerSection::apply);
+    connect(m_allowNetwork, &QCheckBox::toggled, this, &ServerSection::apply);
+    connect(m_app, &App::serverStateChanged, this, &ServerSection::refresh);
+    refresh();
+}
+
+void ServerSection::apply()
+{
+    SettingsStore& settings = m_app->settings();
+    settings.setServerEnabled(m_enabled->isChecked());
+    settings.setServerPort(m_port->value());
+    settings.setServerAllowNetwork(m_allowNetwork->isChecked());
+    m_app->applyServerSettings();
+}
+
+void ServerSection::refresh()
+{
+    const HostedServer* server = m_app->server();
+    const bool enabled = m_app->settings().serverEnabled();
+    m_port->setEnabled(enabled);
+    m_allowNetwork->setEnabled(enabled);
+    if (server->isListening()) {
+        const int clients = server->clientCount();
+        showMessage(m_state,
+                    QStringLiteral("Listening on port %1, %2 %3")
+                        .arg(server->serverPort())
+                        .arg(clients)
+                        .arg(clients == 1 ? QStringLiteral("client") : QStringLiteral("clients")),
+                    false);
+    } else if (enabled && !server->lastError().isEmpty()) {
+        showMessage(m_state, server->lastError(), true);
+    } else {
+        showMessage(m_state, QStringLiteral("Not running"), false);
+    }
+}
+
+} // namespace vantorelle
