@@ -1,5 +1,6 @@
 #include "app.h"
 
+#include "address_override.h"
 #include "cloud_relay.h"
 #include "device_session.h"
 #include "hosted_server.h"
@@ -15,6 +16,7 @@
 #include <atomic>
 #include <memory>
 #include <optional>
+#include <utility>
 
 namespace vantorelle {
 
@@ -26,7 +28,7 @@ QString portalAddress(const AppEnvironment& environment)
 {
     if (!environment.portalUrl.isEmpty())
         return environment.portalUrl;
-    const QString fromEnvironment = qEnvironmentVariable("VANTORELLE_PORTAL_URL");
+    const QString fromEnvironment = addressOverride("VANTORELLE_PORTAL_URL");
     return fromEnvironment.isEmpty() ? QStringLiteral(VANTORELLE_PORTAL_URL) : fromEnvironment;
 }
 
@@ -36,7 +38,7 @@ SourceManagerSettings sourceSettings(const AppEnvironment& environment)
 {
     SourceManagerSettings settings = environment.sources;
     bool ok = false;
-    const int port = qEnvironmentVariableIntValue("VANTORELLE_FEED_PORT", &ok);
+    const int port = addressOverride("VANTORELLE_FEED_PORT").toInt(&ok);
     if (ok && port > 0 && port <= 65535)
         settings.feed.port = quint16(port);
     return settings;
@@ -61,7 +63,9 @@ App::App(const AppEnvironment& environment, QObject* parent)
     m_portal.jar()->setPath(environment.sessionFile);
     m_portal.jar()->load();
 
-    m_sourceManager = new SourceManager(&m_portal, &m_live, sourceSettings(environment), this);
+    SourceManagerSettings sources = sourceSettings(environment);
+    sources.staleAfterMs = m_settings.staleAfterSeconds() * 1000;
+    m_sourceManager = new SourceManager(&m_portal, &m_live, sources, this);
 
     m_server = new HostedServer(&m_live, this);
     m_server->setHandler([this](const QString& op, const QJsonObject& request) {
@@ -82,12 +86,16 @@ App::~App()
 {
     // Clients are told at once, before the rest of the plug-in goes away.
     m_server->stop();
+    // The children use the portal, the live data and the settings, which are members and so
+    // would go first: the children go now, explicitly, the route before the server it feeds.
+    delete std::exchange(m_sourceManager, nullptr);
+    delete std::exchange(m_server, nullptr);
 }
 
 void App::configureUpdater(const AppEnvironment& environment)
 {
     UpdaterConfig config;
-    const QString manifestOverride = qEnvironmentVariable("VANTORELLE_UPDATE_URL");
+    const QString manifestOverride = addressOverride("VANTORELLE_UPDATE_URL");
     if (!manifestOverride.isEmpty())
         config.manifestUrl = manifestOverride;
     config.obsVersion = environment.obsVersion;
@@ -405,6 +413,10 @@ QJsonObject App::handleServerRequest(const QString& op, const QJsonObject& reque
                 {QStringLiteral("source"), m_sourceManager->sourceDescription()},
                 {QStringLiteral("device"), m_settings.selectedDevice()},
                 {QStringLiteral("live"), m_sourceManager->isLive()},
+                {QStringLiteral("stale"), m_sourceManager->isStale()},
+                {QStringLiteral("age_ms"), m_sourceManager->ageMs() < 0
+                                               ? QJsonValue(QJsonValue::Null)
+                                               : QJsonValue(double(m_sourceManager->ageMs()))},
                 {QStringLiteral("message"), m_sourceManager->status()},
                 {QStringLiteral("sport"), m_live.sport()}};
     }

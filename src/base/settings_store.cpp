@@ -16,6 +16,7 @@ const char* const kServerPort = "server_port";
 const char* const kServerAllowNetwork = "server_allow_network";
 const char* const kShareConnection = "share_connection";
 const char* const kAutoCheckUpdates = "auto_check_updates";
+const char* const kStaleAfter = "stale_after_s";
 const char* const kLastUpdateCheck = "last_update_check";
 const char* const kLastUsbPort = "last_usb_port";
 const char* const kRoutes = "routes";
@@ -87,6 +88,20 @@ bool SettingsStore::serverEnabled() const
 void SettingsStore::setServerEnabled(bool enabled)
 {
     setValue(kServerEnabled, enabled);
+}
+
+int SettingsStore::staleAfterSeconds() const
+{
+    const QJsonValue v = m_doc.value(QLatin1String(kStaleAfter));
+    const double d = v.toDouble(-1);
+    if (!v.isDouble() || d != std::floor(d) || d < 1 || d > 3600)
+        return DefaultStaleAfterSeconds;
+    return static_cast<int>(d);
+}
+
+void SettingsStore::setStaleAfterSeconds(int seconds)
+{
+    setValue(kStaleAfter, seconds);
 }
 
 int SettingsStore::serverPort() const

@@ -32,6 +32,7 @@ class SettingsStore
 {
 public:
     static constexpr quint16 DefaultServerPort = 9001;
+    static constexpr int DefaultStaleAfterSeconds = 30;
 
     void load(const QString& path);
     QString path() const { return m_path; }
@@ -53,6 +54,9 @@ public:
     void setLastUpdateCheck(double seconds);
     QString lastUsbPort() const;
     void setLastUsbPort(const QString& port);
+    // Seconds without live data after which a live route is reported as stale (1 to 3600).
+    int staleAfterSeconds() const;
+    void setStaleAfterSeconds(int seconds);
 
     // Cloud for a device without an entry.
     Route route(const QString& deviceId) const;

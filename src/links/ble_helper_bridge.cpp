@@ -214,10 +214,14 @@ void BleHelperBridge::startHelper()
 
 void BleHelperBridge::readPort()
 {
-    m_output += m_process->readAllStandardOutput();
+    // Only the first line matters; whatever the helper prints after it is read and let go.
+    const QByteArray output = m_process->readAllStandardOutput();
     if (m_phase != Phase::Starting)
         return;
+    m_output += output;
     const qsizetype end = m_output.indexOf('\n');
+    if (end < 0 && m_output.size() > MaxLineBytes)
+        return stopHelper(startFailure(QStringLiteral("it named no port")));
     if (end < 0)
         return;
     const int port =

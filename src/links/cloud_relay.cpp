@@ -1,5 +1,6 @@
 #include "cloud_relay.h"
 
+#include "socket_keepalive.h"
 #include "usb_link.h"
 
 #include <utility>
@@ -8,10 +9,23 @@ namespace vantorelle {
 
 CloudRelay::CloudRelay(UsbLink* link) : QObject(link)
 {
+    // Without a limit Qt would keep reading the socket into memory while the device's queue is
+    // full; with one, TCP itself holds the cloud back.
+    m_socket.setReadBufferSize(ReadBufferBytes);
     connect(&m_socket, &QTcpSocket::connected, this, &CloudRelay::onConnected);
     connect(&m_socket, &QTcpSocket::readyRead, this, &CloudRelay::onSocketReadyRead);
     connect(&m_socket, &QTcpSocket::errorOccurred, this, &CloudRelay::onSocketError);
     connect(&m_socket, &QTcpSocket::disconnected, this, &CloudRelay::onDisconnected);
+    connect(link, &UsbLink::relayQueueLow, this, &CloudRelay::forwardToDevice);
+    m_retryTimer.setSingleShot(true);
+    connect(&m_retryTimer, &QTimer::timeout, this, &CloudRelay::connectNow);
+}
+
+void CloudRelay::setRetryDelays(int firstMs, int maxMs)
+{
+    m_firstRetryMs = firstMs;
+    m_maxRetryMs = maxMs;
+    m_retryMs = firstMs;
 }
 
 CloudRelay::~CloudRelay()
@@ -69,7 +83,14 @@ void CloudRelay::fromDevice(const QByteArray& bytes)
         return;
     }
     buffer(bytes);
-    if (m_socket.state() == QAbstractSocket::UnconnectedState)
+    // After a failure the retry timer makes the next attempt; until then bytes only wait.
+    if (!m_retryTimer.isActive())
+        connectNow();
+}
+
+void CloudRelay::connectNow()
+{
+    if (isReady() && m_socket.state() == QAbstractSocket::UnconnectedState)
         m_socket.connectToHost(m_host, m_port);
 }
 
@@ -83,6 +104,9 @@ void CloudRelay::buffer(const QByteArray& bytes)
 void CloudRelay::dropConnection()
 {
     m_pending.clear();
+    m_paused = false;
+    m_retryTimer.stop();
+    m_retryMs = m_firstRetryMs;
     // abort() emits disconnected when connected; that is our own doing, not news.
     const QSignalBlocker quiet(m_socket);
     m_socket.abort();
@@ -91,6 +115,8 @@ void CloudRelay::dropConnection()
 void CloudRelay::onConnected()
 {
     m_error.clear();
+    m_retryMs = m_firstRetryMs;
+    enableKeepAlive(&m_socket);
     if (!m_pending.isEmpty())
         m_socket.write(std::exchange(m_pending, {}));
     Q_EMIT stateChanged();
@@ -98,7 +124,20 @@ void CloudRelay::onConnected()
 
 void CloudRelay::onSocketReadyRead()
 {
-    link()->sendRelay(m_socket.readAll());
+    forwardToDevice();
+}
+
+// The serial line is far slower than the internet: read from the cloud only while the device's
+// queue has room, and let TCP hold the sender back meanwhile, rather than overflow the queue.
+void CloudRelay::forwardToDevice()
+{
+    UsbLink* usb = link();
+    const qsizetype half = UsbLink::RelayQueueLimit / 2;
+    while (usb->relayQueueSize() <= half && m_socket.bytesAvailable() > 0) {
+        const qsizetype room = (half + 1 - usb->relayQueueSize()) * UsbLink::RelayPieceBytes;
+        usb->sendRelay(m_socket.read(room));
+    }
+    m_paused = m_socket.bytesAvailable() > 0;
 }
 
 void CloudRelay::onSocketError(QAbstractSocket::SocketError error)
@@ -106,7 +145,17 @@ void CloudRelay::onSocketError(QAbstractSocket::SocketError error)
     // The cloud ending its side is a normal end, not something to show the user.
     if (error != QAbstractSocket::RemoteHostClosedError)
         m_error = m_socket.errorString();
+    const bool neverConnected = m_socket.state() != QAbstractSocket::ConnectedState &&
+                                error != QAbstractSocket::RemoteHostClosedError;
+    const int retryMs = m_retryMs;
+    const QByteArray pending = m_pending;
     dropConnection();
+    if (neverConnected) {
+        // Keep what the device sent and try again after a growing wait.
+        m_pending = pending;
+        m_retryTimer.start(retryMs);
+        m_retryMs = qMin(retryMs * 2, m_maxRetryMs);
+    }
     Q_EMIT stateChanged();
 }
 

@@ -4,6 +4,7 @@
 #include <QObject>
 #include <QString>
 #include <QTcpSocket>
+#include <QTimer>
 
 namespace vantorelle {
 
@@ -19,6 +20,12 @@ class CloudRelay : public QObject
 public:
     // Bytes the device sends while the connection is not up yet wait here, up to this many.
     static constexpr qsizetype PendingLimit = 262144;
+    // After a failed connection the next attempt waits this long, doubling up to the maximum;
+    // a connection that comes up resets it.
+    static constexpr int FirstRetryMs = 1000;
+    static constexpr int MaxRetryMs = 30000;
+    // What is read from the cloud ahead of the device's queue.
+    static constexpr qint64 ReadBufferBytes = 65536;
 
     explicit CloudRelay(UsbLink* link);
     ~CloudRelay() override;
@@ -44,6 +51,11 @@ public:
     bool isWaiting() const { return m_share && !hasTunnel(); }
     QString lastError() const { return m_error; }
     qsizetype pendingBytes() const { return m_pending.size(); }
+    // Whether reading from the cloud waits for the device's queue to drain.
+    bool isPaused() const { return m_paused; }
+    int nextRetryMs() const { return m_retryMs; }
+    // Tests shrink the waits between connection attempts.
+    void setRetryDelays(int firstMs, int maxMs);
 
 Q_SIGNALS:
     void stateChanged();
@@ -56,6 +68,8 @@ private:
     void onSocketReadyRead();
     void onSocketError(QAbstractSocket::SocketError error);
     void onDisconnected();
+    void connectNow();
+    void forwardToDevice();
 
     bool m_share = false;
     QString m_host;
@@ -63,6 +77,11 @@ private:
     QTcpSocket m_socket;
     QByteArray m_pending;
     QString m_error;
+    bool m_paused = false;
+    int m_firstRetryMs = FirstRetryMs;
+    int m_maxRetryMs = MaxRetryMs;
+    int m_retryMs = FirstRetryMs;
+    QTimer m_retryTimer;
 };
 
 } // namespace vantorelle

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QElapsedTimer>
 #include <QJsonObject>
 #include <QObject>
 #include <QString>
@@ -30,6 +31,10 @@ public:
     // True when the device is reached through something other than a cable to this computer.
     virtual bool isRemote() const = 0;
 
+    // Milliseconds since the device last sent anything at all (envelopes, answers, replies to
+    // keep-alive pings); -1 for a link that does not keep track.
+    qint64 msSinceHeard() const { return m_heard.isValid() ? m_heard.elapsed() : -1; }
+
 Q_SIGNALS:
     // `info` is what the device reported about itself (for USB its hello; a wireless receiver's
     // status carries "receiver": true).
@@ -41,6 +46,14 @@ Q_SIGNALS:
     // The link could not be opened: a machine code ("open_failed", "no_response",
     // "unreachable") and a sentence for the user.
     void failed(const QString& code, const QString& message);
+
+protected:
+    // The device just sent something.
+    void noteHeard() { m_heard.start(); }
+    void forgetHeard() { m_heard.invalidate(); }
+
+private:
+    QElapsedTimer m_heard;
 };
 
 } // namespace vantorelle

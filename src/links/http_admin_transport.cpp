@@ -1,5 +1,6 @@
 #include "http_admin_transport.h"
 
+#include "reply_limit.h"
 #include "version.h"
 
 #include <QJsonArray>
@@ -208,6 +209,7 @@ void HttpAdminTransport::send(const QByteArray& json)
 
     QNetworkReply* reply =
         qstrcmp(route->verb, "GET") == 0 ? m_network.get(http) : post(http, *route, params);
+    limitReplySize(reply);
     connect(reply, &QNetworkReply::finished, this,
             [this, reply, id, method] { onFinished(reply, id, method); });
 }
@@ -228,6 +230,9 @@ void HttpAdminTransport::onFinished(QNetworkReply* reply, int id, const QString&
 {
     reply->deleteLater();
     const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    if (replyWasTooLarge(reply))
+        return replyError(id, QStringLiteral("reply_too_large"),
+                          QStringLiteral("The device's answer was too large to read."));
     if (status == 0) {
         if (dropMeansSuccess(method))
             return this->reply(id, {{QStringLiteral("status"), QStringLiteral("ok")}});

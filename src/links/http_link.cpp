@@ -1,6 +1,7 @@
 #include "http_link.h"
 
 #include "http_admin_transport.h"
+#include "reply_limit.h"
 #include "version.h"
 
 #include <QNetworkReply>
@@ -66,6 +67,7 @@ void HttpLink::open()
     request.setHeader(QNetworkRequest::UserAgentHeader, userAgent());
     request.setTransferTimeout(m_probeTimeoutMs);
     QNetworkReply* reply = m_network.get(request);
+    limitReplySize(reply);
     connect(reply, &QNetworkReply::finished, this, [this, reply, generation] {
         reply->deleteLater();
         if (generation != m_generation)

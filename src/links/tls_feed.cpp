@@ -1,5 +1,7 @@
 #include "tls_feed.h"
 
+#include "socket_keepalive.h"
+
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QPointer>
@@ -12,6 +14,11 @@ namespace {
 const QString kRejectedAtStart = QStringLiteral(
     "The device rejected the connection. Re-run device setup to refresh its access.");
 const QString kRevoked = QStringLiteral("The device rejected the connection.");
+
+QString seconds(int ms)
+{
+    return QString::number((ms + 999) / 1000);
+}
 
 // {"type":"auth","token":...} with its keys in this order, which a JSON object would sort.
 QByteArray authLine(const QString& token)
@@ -28,6 +35,14 @@ TlsFeed::TlsFeed(const TlsFeedSettings& settings, QObject* parent)
 {
     m_reconnectTimer.setSingleShot(true);
     connect(&m_reconnectTimer, &QTimer::timeout, this, &TlsFeed::connectNow);
+    m_attemptTimer.setSingleShot(true);
+    connect(&m_attemptTimer, &QTimer::timeout, this, [this] {
+        giveUpAttempt(m_socket && m_socket->isEncrypted()
+                          ? QStringLiteral("The device did not accept the connection within %1 s.")
+                                .arg(seconds(m_settings.authTimeoutMs))
+                          : QStringLiteral("The device did not answer on your network within %1 s.")
+                                .arg(seconds(m_settings.connectTimeoutMs)));
+    });
 }
 
 TlsFeed::~TlsFeed()
@@ -51,6 +66,7 @@ void TlsFeed::stop()
 {
     m_running = false;
     m_reconnectTimer.stop();
+    m_attemptTimer.stop();
     dropSocket();
     if (m_authenticated) {
         m_authenticated = false;
@@ -71,12 +87,20 @@ void TlsFeed::connectNow()
     // The device's certificate is not verified: the token is what proves who we are, and the
     // device presents a certificate of its own making.
     connect(socket, &QSslSocket::sslErrors, socket, [socket] { socket->ignoreSslErrors(); });
+    connect(socket, &QSslSocket::connected, this, &TlsFeed::onConnected);
     connect(socket, &QSslSocket::encrypted, this, &TlsFeed::onEncrypted);
     connect(socket, &QSslSocket::readyRead, this, &TlsFeed::onReadyRead);
     connect(socket, &QSslSocket::errorOccurred, this, &TlsFeed::onSocketError);
     connect(socket, &QSslSocket::disconnected, this, [this, socket] { onDisconnected(socket); });
+    m_attemptTimer.start(m_settings.connectTimeoutMs);
     socket->connectToHostEncrypted(m_host, m_port, QIODevice::ReadWrite,
                                    QAbstractSocket::AnyIPProtocol);
+}
+
+// A device that loses power sends nothing more, not even a reset: keep-alive probes notice it.
+void TlsFeed::onConnected()
+{
+    enableKeepAlive(m_socket);
 }
 
 void TlsFeed::dropSocket()
@@ -93,6 +117,7 @@ void TlsFeed::dropSocket()
 
 void TlsFeed::onEncrypted()
 {
+    m_attemptTimer.start(m_settings.authTimeoutMs);
     m_socket->write(authLine(m_token));
 }
 
@@ -101,8 +126,17 @@ void TlsFeed::onReadyRead()
     QSslSocket* const socket = m_socket;
     m_buffer.append(socket->readAll());
     const QPointer<TlsFeed> alive(this);
+    const auto tooLong = [this] {
+        const qsizetype newline = m_buffer.indexOf('\n');
+        return (newline < 0 ? m_buffer.size() : newline) > m_settings.maxLineBytes;
+    };
     // A receiver of `envelope` may stop, restart or delete the feed; then the rest is not ours.
     while (alive && m_socket == socket) {
+        if (tooLong())
+            return giveUpAttempt(
+                QStringLiteral("The device sent a line longer than %1 KiB, so the connection "
+                               "was dropped.")
+                    .arg(m_settings.maxLineBytes / 1024));
         const qsizetype newline = m_buffer.indexOf('\n');
         if (newline < 0)
             break;
@@ -127,6 +161,7 @@ void TlsFeed::handleLine(const QByteArray& line)
             return;
         }
         m_authenticated = true;
+        m_attemptTimer.stop();
         m_delayMs = m_settings.firstDelayMs;
         m_lastError.clear();
         Q_EMIT connectedChanged(true, QString());
@@ -146,8 +181,18 @@ void TlsFeed::stopWithError(const QString& message)
     m_running = false;
     m_authenticated = false;
     m_reconnectTimer.stop();
+    m_attemptTimer.stop();
     dropSocket();
     Q_EMIT connectedChanged(false, m_lastError);
+}
+
+// The connection is dropped as if the device had closed it: the usual wait, then a new attempt.
+void TlsFeed::giveUpAttempt(const QString& message)
+{
+    QSslSocket* const socket = m_socket;
+    m_lastError = message;
+    dropSocket();
+    onDisconnected(socket);
 }
 
 void TlsFeed::onSocketError()
@@ -162,13 +207,16 @@ void TlsFeed::onSocketError()
 
 void TlsFeed::onDisconnected(QSslSocket* socket)
 {
+    m_attemptTimer.stop();
+    const QPointer<TlsFeed> alive(this);
     if (m_authenticated) {
         m_authenticated = false;
-        const QPointer<TlsFeed> alive(this);
         Q_EMIT connectedChanged(false, m_lastError);
-        if (!alive || m_socket != socket)
-            return;
+    } else if (m_running) {
+        Q_EMIT attemptFailed(m_lastError);
     }
+    if (!alive || (m_socket && m_socket != socket))
+        return;
     if (m_running && !m_reconnectTimer.isActive()) {
         m_reconnectTimer.start(m_delayMs);
         m_delayMs = qMin(m_delayMs * 2, m_settings.maxDelayMs);

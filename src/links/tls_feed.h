@@ -16,6 +16,12 @@ struct TlsFeedSettings
     quint16 port = 1010;     // the device's feed port
     int firstDelayMs = 1000; // first wait before reconnecting, and the wait after "auth_ok"
     int maxDelayMs = 15000;  // the wait doubles up to this
+    // An attempt that has not finished its TLS handshake, or has no "auth_ok" answer, this long
+    // after it started (or after the handshake) is given up and retried after the usual wait.
+    int connectTimeoutMs = 10000;
+    int authTimeoutMs = 10000;
+    // A line longer than this (no line feed yet) drops the connection.
+    qsizetype maxLineBytes = 64 * 1024;
 };
 
 // The live-score client of a device on the local network: one TLS connection to the device's
@@ -46,6 +52,8 @@ public:
 Q_SIGNALS:
     // True once the device accepted the token; false when a live feed ends, with the reason.
     void connectedChanged(bool connected, const QString& detail);
+    // An attempt ended before the device accepted the token; the feed tries again by itself.
+    void attemptFailed(const QString& detail);
     void envelope(const QJsonObject& envelope);
 
 private:
@@ -57,6 +65,8 @@ private:
     void onDisconnected(QSslSocket* socket);
     void handleLine(const QByteArray& line);
     void stopWithError(const QString& message);
+    void giveUpAttempt(const QString& message);
+    void onConnected();
 
     QSslSocket* m_socket = nullptr;
     QString m_host;
@@ -67,6 +77,8 @@ private:
     bool m_running = false;
     QString m_lastError;
     QTimer m_reconnectTimer;
+    // The connect-and-handshake deadline, then the "auth_ok" deadline.
+    QTimer m_attemptTimer;
     int m_delayMs;
     TlsFeedSettings m_settings;
 };

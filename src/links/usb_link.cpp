@@ -74,6 +74,7 @@ void UsbLink::open()
     m_cloud->reset();
     m_stream->configure({});
     m_sinceOpen.start();
+    forgetHeard();
     sendHello();
     m_helloTimer.start();
     m_pingTimer.start();
@@ -133,6 +134,8 @@ void UsbLink::onReadyRead(const QByteArray& data)
     // A receiver of our signals may close or delete this link mid-way.
     const QPointer<UsbLink> alive(this);
     const QList<Frame> frames = m_decoder.decodeFrames(data);
+    if (!frames.isEmpty())
+        noteHeard();
     for (const Frame& frame : frames) {
         if (!alive || !m_port->isOpen())
             return;
@@ -223,7 +226,7 @@ void UsbLink::markOpened(const QJsonObject& info)
 
 void UsbLink::sendRelay(const QByteArray& bytes)
 {
-    if (!m_port->isOpen())
+    if (bytes.isEmpty() || !m_port->isOpen())
         return;
     for (qsizetype at = 0; at < bytes.size(); at += RelayPieceBytes)
         m_relayQueue.append(
@@ -242,6 +245,8 @@ void UsbLink::sendNextRelayFrame()
 {
     m_port->write(m_relayQueue.takeFirst());
     m_lastRelaySend.start();
+    if (m_relayQueue.size() == RelayQueueLimit / 4 - 1)
+        Q_EMIT relayQueueLow();
     // Restarting counts the interval from this send: a repeating timer that fired late would
     // otherwise catch up and put two frames closer together than the interval.
     if (m_relayQueue.isEmpty())

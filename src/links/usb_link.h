@@ -70,6 +70,9 @@ public:
     void sendControl(const QJsonObject& message);
     // Queues cloud-relay bytes for paced sending (dropped when the port is closed).
     void sendRelay(const QByteArray& bytes);
+    // Frames waiting to be paced out; a relay stops reading its side while this is more than
+    // half the limit and reads again after relayQueueLow().
+    qsizetype relayQueueSize() const { return m_relayQueue.size(); }
 
     // Receiver requests; only one may be pending, and `done` is called exactly once.
     void setReceiver(const QString& key, bool generateKey, std::optional<int> channel,
@@ -80,6 +83,8 @@ public:
 Q_SIGNALS:
     void receiverUpdated(const QJsonObject& status);
     void tunnelChanged();
+    // The relay queue went below a quarter of its limit.
+    void relayQueueLow();
 
 private:
     void onReadyRead(const QByteArray& data);

@@ -75,8 +75,8 @@ void HostedServer::acceptConnections()
         m_buffers.insert(client, {});
         connect(client, &QTcpSocket::readyRead, this, [this, client] { receive(client); });
         connect(client, &QTcpSocket::disconnected, this, [this, client] { dropClient(client); });
-        client->write(snapshotLine());
         Q_EMIT clientsChanged(clientCount());
+        send(client, snapshotLine());
     }
 }
 
@@ -85,8 +85,21 @@ void HostedServer::broadcast()
     if (m_clients.isEmpty())
         return;
     const QByteArray line = snapshotLine();
-    for (QTcpSocket* client : std::as_const(m_clients))
-        client->write(line);
+    // A copy: a client over its output cap leaves the list on the way.
+    const QList<QTcpSocket*> clients = m_clients;
+    for (QTcpSocket* client : clients)
+        send(client, line);
+}
+
+// A client that does not read its lines would make OBS hold them for ever.
+void HostedServer::send(QTcpSocket* client, const QByteArray& bytes)
+{
+    if (client->bytesToWrite() + bytes.size() > m_maxOutputBytes) {
+        dropClient(client);
+        client->abort();
+        return;
+    }
+    client->write(bytes);
 }
 
 void HostedServer::receive(QTcpSocket* client)
@@ -111,7 +124,10 @@ void HostedServer::receive(QTcpSocket* client)
         if (buffer == m_buffers.end())
             return;
         if (!reply.isEmpty())
-            client->write(reply);
+            send(client, reply);
+        buffer = m_buffers.find(client);
+        if (buffer == m_buffers.end())
+            return;
     }
 }
 

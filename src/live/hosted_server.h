@@ -31,6 +31,8 @@ public:
 
     // Pending bytes a client may have without a line end before it is dropped.
     static constexpr qsizetype MaxPendingBytes = 65536;
+    // Output a client may leave unread before it is dropped; the others go on.
+    static constexpr qint64 DefaultMaxOutputBytes = 1024 * 1024;
 
     explicit HostedServer(LiveData* live, QObject* parent = nullptr);
     ~HostedServer() override;
@@ -41,6 +43,7 @@ public:
     void setHandler(Handler handler) { m_handler = std::move(handler); }
     // Replaces how the snapshot is built; by default it is the live data's own snapshot line.
     void setSnapshot(Snapshot snapshot) { m_snapshot = std::move(snapshot); }
+    void setMaxOutputBytes(qint64 bytes) { m_maxOutputBytes = bytes; }
 
     int clientCount() const { return int(m_clients.size()); }
     bool isListening() const { return m_server.isListening(); }
@@ -61,6 +64,7 @@ private:
     void acceptConnections();
     void receive(QTcpSocket* client);
     void dropClient(QTcpSocket* client);
+    void send(QTcpSocket* client, const QByteArray& bytes);
     QByteArray snapshotLine() const;
 
     QPointer<LiveData> m_live;
@@ -70,6 +74,7 @@ private:
     Handler m_handler;
     Snapshot m_snapshot;
     QString m_lastError;
+    qint64 m_maxOutputBytes = DefaultMaxOutputBytes;
 };
 
 } // namespace vantorelle

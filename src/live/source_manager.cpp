@@ -16,6 +16,9 @@ SourceManager::SourceManager(PortalClient* portal, LiveData* live,
     connect(m_portal, &PortalClient::signedInChanged, this, &SourceManager::onSignedInChanged);
     connect(&m_feed, &TlsFeed::connectedChanged, this, &SourceManager::onFeedConnectedChanged);
     connect(&m_feed, &TlsFeed::envelope, this, &SourceManager::onFeedEnvelope);
+    connect(&m_feed, &TlsFeed::attemptFailed, this, &SourceManager::onFeedAttemptFailed);
+    m_staleTimer.setInterval(m_settings.staleCheckMs);
+    connect(&m_staleTimer, &QTimer::timeout, this, &SourceManager::checkStale);
 }
 
 SourceManager::~SourceManager()
@@ -27,6 +30,9 @@ void SourceManager::stop()
 {
     ++m_generation;
     m_pollTimer.stop();
+    m_staleTimer.stop();
+    m_stale = false;
+    m_sinceEnvelope.invalidate();
     m_inFlight = false;
     m_mode = Mode::None;
     m_feed.stop();
@@ -35,15 +41,18 @@ void SourceManager::stop()
     m_session.reset();
 }
 
-void SourceManager::enter(Mode mode, const QString& deviceName, const QString& firstStatus)
+void SourceManager::enter(Mode mode, const QString& deviceName, const QString& firstStatus,
+                          std::shared_ptr<DeviceSession> session)
 {
     stop();
     m_liveData->clear();
     m_mode = mode;
+    m_session = std::move(session);
     m_deviceName = deviceName;
     if (m_deviceName != m_liveData->source())
         m_liveData->setSource(m_deviceName);
-    setStatus(false, firstStatus);
+    if (!firstStatus.isEmpty())
+        setStatus(false, firstStatus);
 }
 
 QString SourceManager::named(const char* text) const
@@ -53,6 +62,10 @@ QString SourceManager::named(const char* text) const
 
 void SourceManager::setStatus(bool live, const QString& text)
 {
+    if (!live) {
+        m_stale = false;
+        m_staleTimer.stop();
+    }
     if (live == m_live && text == m_status)
         return;
     m_live = live;
@@ -113,7 +126,7 @@ void SourceManager::onPollReply(quint32 generation, const PortalResult& result)
             return setStatus(false, named("%1 has not sent any scoreboard data yet."));
         m_liveData->apply(result.data);
         if (result.data.value(QStringLiteral("online")).toBool())
-            return setStatus(true, named("Live from %1"));
+            return heard(named("Live from %1"));
         return setStatus(false, named("%1 is offline. Showing its last scores."));
     }
     ++m_failures;
@@ -176,15 +189,25 @@ void SourceManager::onFeedEnvelope(const QJsonObject& envelope)
     if (m_mode != Mode::Network)
         return;
     m_liveData->apply(envelope);
-    setStatus(true, named("Live from %1 over your network"));
+    heard(named("Live from %1 over your network"));
+}
+
+// An attempt that never got as far as live says why, while the feed tries again by itself.
+void SourceManager::onFeedAttemptFailed(const QString& detail)
+{
+    if (m_mode != Mode::Network || !m_feed.isRunning())
+        return;
+    setStatus(false, detail.isEmpty() ? named("Reconnecting to %1")
+                                      : named("Reconnecting to %1.") + QLatin1Char(' ') + detail);
 }
 
 void SourceManager::useLink(std::shared_ptr<DeviceSession> session, const QString& deviceName)
 {
     m_deviceId.clear();
-    enter(Mode::Link, deviceName,
-          QString::fromUtf8("Connected to %1, waiting for scoreboard data").arg(deviceName));
-    m_session = std::move(session);
+    // The session is in place before the first status goes out, so that whoever follows the
+    // status already finds it.
+    enter(Mode::Link, deviceName, {}, std::move(session));
+    setStatus(false, named("Connected to %1, waiting for scoreboard data"));
     if (!m_session)
         return;
     DeviceLink* link = m_session->link();
@@ -215,7 +238,30 @@ void SourceManager::onSessionState(DeviceSession::State state)
 void SourceManager::onLinkEnvelope(const QJsonObject& envelope)
 {
     m_liveData->apply(envelope);
-    setStatus(true, named("Live from %1"));
+    heard(named("Live from %1"));
+}
+
+void SourceManager::heard(const QString& liveText)
+{
+    m_sinceEnvelope.start();
+    m_stale = false;
+    if (!m_staleTimer.isActive())
+        m_staleTimer.start(m_settings.staleCheckMs);
+    setStatus(true, liveText);
+}
+
+// A quiet scoreboard is normal, so the scores stay; the status says how long it has been quiet.
+void SourceManager::checkStale()
+{
+    if (!m_live || !m_sinceEnvelope.isValid())
+        return m_staleTimer.stop();
+    const qint64 age = m_sinceEnvelope.elapsed();
+    const DeviceLink* link = m_mode == Mode::Link && m_session ? m_session->link() : nullptr;
+    const qint64 silent = link ? link->msSinceHeard() : -1;
+    if (age < m_settings.staleAfterMs && silent < m_settings.linkSilenceMs)
+        return;
+    m_stale = true;
+    setStatus(true, named("No data from %1 for %2 s").arg(age / 1000));
 }
 
 } // namespace vantorelle

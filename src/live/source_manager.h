@@ -3,6 +3,7 @@
 #include "device_session.h"
 #include "tls_feed.h"
 
+#include <QElapsedTimer>
 #include <QObject>
 #include <QPointer>
 #include <QString>
@@ -25,6 +26,12 @@ struct SourceManagerSettings
     int failuresBeforeSlowPoll = 6;
     // The device's live feed on the local network.
     TlsFeedSettings feed;
+    // A live route with no envelope for this long is reported as stale (scores stay shown); a
+    // cable whose device has sent nothing at all (not even ping answers) for linkSilenceMs too.
+    int staleAfterMs = 30000;
+    int linkSilenceMs = 15000;
+    // How often a live route's age is looked at, and the stale text's seconds rise.
+    int staleCheckMs = 1000;
 };
 
 // Decides where live data comes from for the one selected device (the cloud, the device's feed
@@ -64,6 +71,11 @@ public:
     QString deviceName() const { return m_deviceName; }
     bool isLive() const { return m_live; }
     QString status() const { return m_status; }
+    // Live, but nothing arrived for too long; the next envelope clears it.
+    bool isStale() const { return m_stale; }
+    // Milliseconds since the last envelope of the current route; -1 before the first one.
+    qint64 ageMs() const { return m_sinceEnvelope.isValid() ? m_sinceEnvelope.elapsed() : -1; }
+    void setStaleAfterMs(int ms) { m_settings.staleAfterMs = ms; }
     int pollInterval() const { return m_pollTimer.interval(); }
     bool isPolling() const { return m_pollTimer.isActive(); }
     // What the current source is, for the sharing server's status ("cloud", "lan", "usb"...).
@@ -76,7 +88,8 @@ Q_SIGNALS:
     void statusChanged();
 
 private:
-    void enter(Mode mode, const QString& deviceName, const QString& firstStatus);
+    void enter(Mode mode, const QString& deviceName, const QString& firstStatus,
+               std::shared_ptr<DeviceSession> session = {});
     void setStatus(bool live, const QString& text);
     QString named(const char* text) const;
     void onPollReply(quint32 generation, const PortalResult& result);
@@ -85,6 +98,10 @@ private:
     void onFeedEnvelope(const QJsonObject& envelope);
     void onSessionState(DeviceSession::State state);
     void onLinkEnvelope(const QJsonObject& envelope);
+    void onFeedAttemptFailed(const QString& detail);
+    // An envelope arrived: the route is live with `liveText`, and no longer stale.
+    void heard(const QString& liveText);
+    void checkStale();
 
     PortalClient* m_portal;
     LiveData* m_liveData;
@@ -101,6 +118,9 @@ private:
     TlsFeed m_feed;
     std::shared_ptr<DeviceSession> m_session;
     QString m_linkKind;
+    QElapsedTimer m_sinceEnvelope;
+    QTimer m_staleTimer;
+    bool m_stale = false;
 };
 
 } // namespace vantorelle

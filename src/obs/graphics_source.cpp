@@ -7,6 +7,9 @@
 
 #include <QString>
 
+#include <mutex>
+#include <set>
+
 namespace vantorelle {
 
 namespace {
@@ -25,6 +28,28 @@ struct GraphicsInstance : WrappedSource
     int width = kDefaultWidth;
     int height = kDefaultHeight;
 };
+
+// Refresh waits for the portal in a local event loop, during which OBS may close the properties
+// window and destroy the source. What is alive is kept here, so nothing gone is used after the
+// wait. Instances are destroyed on OBS's threads, hence the lock.
+std::mutex s_aliveMutex;
+std::set<const void*> s_alive;
+bool s_refreshing = false;
+
+void markAlive(const void* thing, bool alive)
+{
+    std::lock_guard lock(s_aliveMutex);
+    if (alive)
+        s_alive.insert(thing);
+    else
+        s_alive.erase(thing);
+}
+
+bool isAlive(const void* thing)
+{
+    std::lock_guard lock(s_aliveMutex);
+    return s_alive.count(thing) != 0;
+}
 
 void apply(GraphicsInstance* self, obs_data_t* settings)
 {
@@ -63,6 +88,7 @@ void* graphicsCreate(obs_data_t* settings, obs_source_t* source) noexcept
         self->source = source;
         self->inner = obs_source_create_private(kBrowserType, "Vantorelle graphics", nullptr);
         apply(self, settings);
+        markAlive(self, true);
         return self;
     });
 }
@@ -70,6 +96,7 @@ void* graphicsCreate(obs_data_t* settings, obs_source_t* source) noexcept
 void graphicsDestroy(void* data) noexcept
 {
     auto* self = static_cast<GraphicsInstance*>(data);
+    markAlive(self, false);
     obs_source_release(self->inner);
     delete self;
 }
@@ -174,9 +201,15 @@ bool refreshClicked(obs_properties_t* props, obs_property_t*, void* data) noexce
 {
     return guardCallback("vantorelle_graphics refresh", [&] {
         App* app = App::instance();
-        if (!app)
+        // A second click while the first one waits does nothing.
+        if (!app || s_refreshing)
             return false;
+        s_refreshing = true;
         app->refreshOutputsBlocking(kRefreshLimitMs);
+        s_refreshing = false;
+        // The window, the source or the whole plug-in may have gone while we waited.
+        if (!isAlive(props) || (data && !isAlive(data)) || App::instance() != app)
+            return false;
         OBSDataAutoRelease settings = settingsOf(static_cast<GraphicsInstance*>(data));
         fillOutputList(obs_properties_get(props, "output_id"), settings);
         setStatus(props);
@@ -189,6 +222,9 @@ obs_properties_t* graphicsGetProperties(void* data) noexcept
     return guardCallback("vantorelle_graphics properties", [&] {
         auto* self = static_cast<GraphicsInstance*>(data);
         obs_properties_t* props = obs_properties_create();
+        // The properties tell us when OBS destroys them, through their parameter's destructor.
+        markAlive(props, true);
+        obs_properties_set_param(props, props, [](void* gone) { markAlive(gone, false); });
         obs_property_t* list =
             obs_properties_add_list(props, "output_id", obs_module_text("GraphicsOutput"),
                                     OBS_COMBO_TYPE_LIST, OBS_COMBO_FORMAT_STRING);

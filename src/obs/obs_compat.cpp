@@ -1,5 +1,7 @@
 #include "obs_compat.h"
 
+#include "wrapped_source.h"
+
 #include <obs-frontend-api.h>
 #include <obs.h>
 #include <util/config-file.h>
@@ -26,20 +28,22 @@ config_t* appConfig()
 // should show the plug-in at once. Later runs keep whatever the user arranged.
 QPointer<QWidget> s_firstRunDock;
 
-void onFrontendEvent(enum obs_frontend_event event, void*)
+void onFrontendEvent(enum obs_frontend_event event, void*) noexcept
 {
-    if (event != OBS_FRONTEND_EVENT_FINISHED_LOADING || !s_firstRunDock)
-        return;
-    config_t* config = appConfig();
-    if (config && config_get_string(config, "BasicWindow", "DockState"))
-        return;
-    for (QWidget* w = s_firstRunDock; w; w = w->parentWidget()) {
-        if (auto* dock = qobject_cast<QDockWidget*>(w)) {
-            dock->setFloating(false);
-            dock->show();
+    guardCallback("front-end event", [event] {
+        if (event != OBS_FRONTEND_EVENT_FINISHED_LOADING || !s_firstRunDock)
             return;
+        config_t* config = appConfig();
+        if (config && config_get_string(config, "BasicWindow", "DockState"))
+            return;
+        for (QWidget* w = s_firstRunDock; w; w = w->parentWidget()) {
+            if (auto* dock = qobject_cast<QDockWidget*>(w)) {
+                dock->setFloating(false);
+                dock->show();
+                return;
+            }
         }
-    }
+    });
 }
 
 void showOnFirstRun(QWidget* widget)

@@ -9,6 +9,7 @@
 #include "obs_scene_actions.h"
 #include "text_source.h"
 #include "version.h"
+#include "wrapped_source.h"
 
 #include <obs-module.h>
 
@@ -16,6 +17,8 @@
 #include <QDir>
 #include <QJsonDocument>
 #include <QPointer>
+
+#include <mutex>
 
 OBS_DECLARE_MODULE()
 OBS_MODULE_USE_DEFAULT_LOCALE("vantorelle-obs", "en-US")
@@ -50,21 +53,33 @@ vantorelle::AppEnvironment appEnvironment()
     return env;
 }
 
-// Procedures for scripts and other plug-ins: push an envelope into the live data, read the
-// snapshot. Either may be called from any thread; the live data guards itself.
-void procApplyEnvelope(void*, calldata_t* data)
+// Procedures for scripts and other plug-ins may be called from any thread, also while the module
+// unloads; libobs cannot take them out again. This lock keeps the application object alive
+// while a procedure uses it, and unload takes it before letting the object go.
+std::mutex s_procedureMutex;
+
+// Procedures: push an envelope into the live data, read the snapshot. The live data guards
+// itself; after unload both answer as if nothing were there.
+void procApplyEnvelope(void*, calldata_t* data) noexcept
 {
-    vantorelle::App* app = vantorelle::App::instance();
-    const char* text = calldata_string(data, "envelope");
-    const QJsonDocument doc = QJsonDocument::fromJson(QByteArray(text ? text : ""));
-    calldata_set_bool(data, "accepted", app && doc.isObject() && app->live().apply(doc.object()));
+    vantorelle::guardCallback("vantorelle_apply_envelope", [data] {
+        const char* text = calldata_string(data, "envelope");
+        const QJsonDocument doc = QJsonDocument::fromJson(QByteArray(text ? text : ""));
+        std::lock_guard lock(s_procedureMutex);
+        vantorelle::App* app = vantorelle::App::instance();
+        calldata_set_bool(data, "accepted",
+                          app && doc.isObject() && app->live().apply(doc.object()));
+    });
 }
 
-void procSnapshot(void*, calldata_t* data)
+void procSnapshot(void*, calldata_t* data) noexcept
 {
-    vantorelle::App* app = vantorelle::App::instance();
-    const QByteArray line = app ? app->live().toJsonLine().trimmed() : QByteArray();
-    calldata_set_string(data, "snapshot", line.constData());
+    vantorelle::guardCallback("vantorelle_get_snapshot", [data] {
+        std::lock_guard lock(s_procedureMutex);
+        vantorelle::App* app = vantorelle::App::instance();
+        const QByteArray line = app ? app->live().toJsonLine().trimmed() : QByteArray();
+        calldata_set_string(data, "snapshot", line.constData());
+    });
 }
 
 // The Bluetooth helper lies in the plug-in's data folder; without it Bluetooth is not offered.
@@ -169,8 +184,12 @@ void obs_module_unload(void)
     s_dock.clear();
     vantorelle::BleHelperBridge::instance().shutdown();
 
-    vantorelle::App* app = vantorelle::App::instance();
-    vantorelle::App::setInstance(nullptr);
+    vantorelle::App* app = nullptr;
+    {
+        std::lock_guard lock(s_procedureMutex);
+        app = vantorelle::App::instance();
+        vantorelle::App::setInstance(nullptr);
+    }
     delete app;
 
     blog(LOG_INFO, "[vantorelle] plugin unloaded");

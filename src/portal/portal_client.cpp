@@ -1,5 +1,6 @@
 #include "portal_client.h"
 
+#include "reply_limit.h"
 #include "version.h"
 
 #include <QDateTime>
@@ -289,6 +290,7 @@ void PortalClient::request(const QByteArray& verb, const QString& path,
         reply = m_network->put(outgoing, payload);
     else
         reply = m_network->sendCustomRequest(outgoing, verb, payload);
+    limitReplySize(reply);
     connect(reply, &QNetworkReply::finished, this,
             [this, reply, callback = std::move(callback), signOutOn401] {
                 complete(reply, callback, signOutOn401);
@@ -311,7 +313,11 @@ void PortalClient::complete(QNetworkReply* reply, const Callback& callback, bool
     if (m_signedIn && reply->hasRawHeader("Set-Cookie"))
         m_jar->save();
 
-    if (!result.ok) {
+    if (replyWasTooLarge(reply)) {
+        result.ok = false;
+        result.error = QStringLiteral("reply_too_large");
+        result.message = QStringLiteral("The portal's answer was too large to read.");
+    } else if (!result.ok) {
         const QJsonValue detail = result.data.value(QLatin1String("detail"));
         QString detailText;
         if (detail.isObject())

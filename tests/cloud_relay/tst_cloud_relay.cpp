@@ -1,5 +1,6 @@
 #include "cloud_relay.h"
 #include "common/test_support.h"
+#include "sim/usb_device.h"
 #include "usb_link.h"
 
 #include <QSignalSpy>
@@ -69,6 +70,59 @@ private Q_SLOTS:
         relay->reset();
         QCOMPARE(changes.count(), 8);
         QVERIFY(relay->tunnelHost().isEmpty() && relay->tunnelPort() == 0);
+    }
+    // The cloud is far faster than the cable: the relay stops reading while the device's queue
+    // is over half full instead of overflowing it, and the whole download arrives.
+    void downloadBurstWaitsForTheDevice()
+    {
+        sim::UsbDevice device;
+        QVERIFY(device.start());
+        qsizetype toDevice = 0;
+        connect(&device, &sim::UsbDevice::relayReceived, this,
+                [&](const QByteArray& bytes) { toDevice += bytes.size(); });
+        UsbLink link(device.portPath(), UsbLinkSettings{50, 2000, 1000, 1});
+        link.open();
+        QTRY_VERIFY(link.isOpened());
+        link.sendRelay({}); // nothing to send is nothing to do
+        QCOMPARE(link.relayQueueSize(), 0);
+        QTcpServer cloud;
+        QVERIFY(cloud.listen(QHostAddress::LocalHost));
+        const QByteArray burst(600 * 1024, 'd'); // 1200 frames: more than the queue holds
+        connect(&cloud, &QTcpServer::newConnection, this,
+                [&] { cloud.nextPendingConnection()->write(burst); });
+        CloudRelay* relay = link.cloudRelay();
+        relay->setShareConnection(true);
+        relay->setTunnel("127.0.0.1", cloud.serverPort());
+        relay->fromDevice("GET /");
+        qsizetype mostQueued = 0;
+        bool paused = false;
+        QTRY_VERIFY_WITH_TIMEOUT(
+            [&] {
+                mostQueued = qMax(mostQueued, link.relayQueueSize());
+                paused = paused || relay->isPaused();
+                return toDevice == burst.size();
+            }(),
+            30000);
+        QVERIFY(paused);
+        QVERIFY2(mostQueued <= 513, qPrintable(QString::number(mostQueued)));
+        QVERIFY(relay->isConnected() && !relay->isPaused());
+    }
+    // A cloud that refuses is tried again after 1 s, then 2 s and so on, not at every frame.
+    void refusedConnectionBacksOff()
+    {
+        UsbLink link("/nonexistent/ttyVT0");
+        CloudRelay* relay = link.cloudRelay();
+        relay->setRetryDelays(20, 80);
+        relay->setShareConnection(true);
+        relay->setTunnel("127.0.0.1", test::freePort());
+        QList<int> waits;
+        connect(relay, &CloudRelay::stateChanged, this, [&] { waits << relay->nextRetryMs(); });
+        relay->fromDevice("a");
+        QTRY_VERIFY(waits.size() >= 4);
+        for (int i = 0; i < 10; ++i)
+            relay->fromDevice("b"); // waits for the retry, no new connection each time
+        QCOMPARE(waits.mid(0, 4), (QList<int>{40, 80, 80, 80}));
+        QCOMPARE(relay->pendingBytes(), 11);
     }
 };
 

@@ -5,11 +5,17 @@
 
 #include <QJsonDocument>
 #include <QRegularExpression>
+#include <QScopeGuard>
 #include <QSignalSpy>
 #include <QTcpServer>
 #include <QTest>
 
 #include <memory>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 using namespace vantorelle;
 using namespace vantorelle::test;
@@ -123,6 +129,51 @@ private Q_SLOTS:
         QTRY_COMPARE(m_server->clientCount(), 0);
     }
 
+    // A client that never reads is dropped once 1 MiB waits for it; the twenty others get every
+    // change, in order, meanwhile.
+    void clientThatNeverReadsIsDropped()
+    {
+        connect(&m_live, &LiveData::changed, m_server.get(), &HostedServer::broadcast);
+        // A plain socket with a small receive buffer that nobody reads.
+        const int silent = ::socket(AF_INET, SOCK_STREAM, 0);
+        const int small = 4096;
+        setsockopt(silent, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(m_server->serverPort());
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        QCOMPARE(::connect(silent, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        const auto closeSilent = qScopeGuard([silent] { ::close(silent); });
+        std::vector<std::unique_ptr<LineClient>> readers;
+        QList<QByteArray> got[20];
+        for (int i = 0; i < 20; ++i) {
+            readers.push_back(std::make_unique<LineClient>());
+            QVERIFY(connectClient(*readers.back()));
+        }
+        QTRY_COMPARE(m_server->clientCount(), 21);
+        const auto drain = [&](int i) {
+            while (readers[i]->socket().canReadLine())
+                got[i] << readers[i]->socket().readLine();
+            return got[i].size();
+        };
+        const QString pad(16384, QLatin1Char('p'));
+        int changes = 0;
+        while (m_server->clientCount() == 21 && changes < 2000) {
+            QVERIFY(m_live.apply(
+                QJsonObject{{"fields", QJsonObject{{"count", changes++}, {"pad", pad}}}}));
+            QCoreApplication::processEvents();
+            for (int i = 0; i < 20; ++i)
+                drain(i);
+        }
+        QCOMPARE(m_server->clientCount(), 20);
+        QVERIFY2(changes < 2000, "the silent client was never dropped");
+        for (int i = 0; i < 20; ++i) {
+            QTRY_VERIFY_WITH_TIMEOUT(drain(i) == changes, 20000);
+            for (int n = 0; n < changes; ++n)
+                QCOMPARE(QJsonDocument::fromJson(got[i][n])["fields"]["count"].toString(),
+                         QString::number(n));
+        }
+    }
     void broadcastReachesEveryClientInOrder()
     {
         int builds = 0;

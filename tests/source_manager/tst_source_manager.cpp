@@ -177,6 +177,44 @@ private Q_SLOTS:
                                              "The device rejected the connection."}));
         QVERIFY(!rig.manager->isLive());
     }
+    // A live route that goes quiet says so, with the seconds rising, and keeps the scores; the
+    // next envelope ends it. An unreachable device says why while the feed keeps trying.
+    void quietFeedIsStale()
+    {
+        sim::FeedServer feed;
+        feed.setExpectedToken("feed-token");
+        QVERIFY(feed.start());
+        Rig rig;
+        SourceManagerSettings settings{20, 1000, 6, {feed.serverPort(), 10, 150}};
+        settings.staleAfterMs = 1000;
+        settings.staleCheckMs = 50;
+        SourceManager manager(&rig.portal, &rig.live, settings);
+        manager.useLan("127.0.0.1", "feed-token", "Gym");
+        QTRY_VERIFY(manager.feed().isAuthenticated());
+        QCOMPARE(manager.ageMs(), -1);
+        feed.broadcast(json("{'type':'state','fields':{'home_score':5}}"));
+        QTRY_VERIFY(manager.isLive());
+        QVERIFY(!manager.isStale());
+        QTRY_COMPARE(manager.status(), "No data from Gym for 1 s");
+        QVERIFY(manager.isStale() && manager.isLive());
+        QVERIFY(manager.ageMs() >= 1000);
+        QTRY_COMPARE_WITH_TIMEOUT(manager.status(), "No data from Gym for 2 s", 3000);
+        QCOMPARE(rig.live.value("home_score"), "5");
+        feed.broadcast(json("{'type':'heartbeat'}"));
+        QTRY_COMPARE(manager.status(), "Live from Gym over your network");
+        QVERIFY(!manager.isStale());
+        QVERIFY(manager.ageMs() < 1000);
+
+        const quint16 port = feed.serverPort();
+        feed.close();
+        feed.dropConnections();
+        QTRY_COMPARE(manager.status(), "Reconnecting to Gym");
+        QVERIFY(!manager.isStale());
+        QTRY_COMPARE(manager.status(), "Reconnecting to Gym. Could not reach the device on your "
+                                       "network (Connection refused).");
+        QVERIFY(feed.start(port));
+        QTRY_COMPARE(manager.status(), "Connected to Gym, waiting for scoreboard data");
+    }
     // A session over a cable, lost to a reboot or to unplugging.
     void linkSessionStates()
     {

@@ -2,6 +2,7 @@
 #include "tls_feed.h"
 
 #include <QSignalSpy>
+#include <QTcpServer>
 #include <QTest>
 
 #include <memory>
@@ -92,6 +93,62 @@ private Q_SLOTS:
         QCOMPARE(connected.first(), (QVariantList{false, detail}));
         QCOMPARE(m_feed->lastError(), detail);
         QVERIFY(!m_feed->isRunning()); // so it never connects again
+    }
+    // An attempt that stalls says why and is tried again: no TLS handshake, no answer to the
+    // token, a line that never ends.
+    void stalledAttemptsGiveUp_data()
+    {
+        QTest::addColumn<int>("stall");
+        QTest::addColumn<QString>("detail");
+        QTest::newRow("handshake") << 0 << "The device did not answer on your network within 1 s.";
+        QTest::newRow("auth_ok") << 1 << "The device did not accept the connection within 1 s.";
+        QTest::newRow("endless line")
+            << 2 << "The device sent a line longer than 1 KiB, so the connection was dropped.";
+    }
+    void stalledAttemptsGiveUp()
+    {
+        QFETCH(int, stall);
+        QFETCH(QString, detail);
+        QTcpServer mute; // accepts and never speaks TLS
+        QVERIFY(mute.listen(QHostAddress::LocalHost));
+        m_server->setSilent(stall == 1);
+        TlsFeedSettings settings{stall == 0 ? mute.serverPort() : m_server->serverPort(), 10, 150};
+        settings.connectTimeoutMs = 300;
+        settings.authTimeoutMs = 300;
+        settings.maxLineBytes = 1024;
+        TlsFeed feed(settings);
+        QSignalSpy failed(&feed, &TlsFeed::attemptFailed);
+        QSignalSpy connected(&feed, &TlsFeed::connectedChanged);
+        feed.start(kHost, kToken);
+        if (stall == 2) {
+            QTRY_VERIFY(feed.isAuthenticated());
+            m_server->writeRaw(QByteArray(1025, 'x'));
+            QTRY_COMPARE(connected.count(), 3); // live, dropped, live again
+            QCOMPARE(connected[1], (QVariantList{false, detail}));
+            return;
+        }
+        QTRY_COMPARE(failed.count(), 2); // given up, and given up again after the wait
+        QCOMPARE(failed[0][0].toString(), detail);
+        QCOMPARE(feed.lastError(), detail);
+        QCOMPARE(connected.count(), 0);
+    }
+    // A peer streaming without a line break is cut off at the default 64 KiB, not buffered.
+    void hundredMegabytesWithoutNewline()
+    {
+        startFeed();
+        QSignalSpy connected(m_feed.get(), &TlsFeed::connectedChanged);
+        const QByteArray chunk(1 << 20, 'x');
+        int sent = 0;
+        while (connected.isEmpty() && sent < 100) {
+            m_server->writeRaw(chunk);
+            ++sent;
+            QTest::qWait(5);
+        }
+        QTRY_COMPARE(connected.count(), 1);
+        QCOMPARE(connected[0], (QVariantList{false, QStringLiteral("The device sent a line longer "
+                                                                   "than 64 KiB, so the connection "
+                                                                   "was dropped.")}));
+        QVERIFY2(sent < 100, "the feed kept reading a line that never ended");
     }
     void backsOffToTheCapAndResetsAfterAuthOk()
     {

@@ -1,5 +1,6 @@
 #include "portal_account.h"
 
+#include "address_override.h"
 #include "console.h"
 
 #include <QDir>
@@ -10,7 +11,7 @@ namespace vantorelle::bridge {
 
 QString portalUrl()
 {
-    const QString fromEnvironment = qEnvironmentVariable("VANTORELLE_PORTAL_URL");
+    const QString fromEnvironment = addressOverride("VANTORELLE_PORTAL_URL");
     return fromEnvironment.isEmpty() ? QStringLiteral(VANTORELLE_PORTAL_URL) : fromEnvironment;
 }
 

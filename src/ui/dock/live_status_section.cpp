@@ -28,6 +28,9 @@ void LiveStatusSection::refresh()
     const QString status = m_sources->status();
     m_status->setText(status.isEmpty() ? QStringLiteral("Choose a device to see live scores.")
                                        : status);
+    // A live route that has gone quiet shows how quiet instead of claiming to be live.
+    m_indicator->setText(m_sources->isStale() ? QStringLiteral("<b>● STALE</b>")
+                                              : QStringLiteral("<b>● LIVE</b>"));
     m_indicator->setVisible(m_sources->isLive());
 }
 
