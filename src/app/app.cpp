@@ -429,9 +429,7 @@ QJsonObject App::handleServerRequest(const QString& op, const QJsonObject& reque
     }
     if (op == QLatin1String("use")) {
         const QString id = request.value(QLatin1String("device")).toString();
-        const bool known = std::any_of(m_devices.cbegin(), m_devices.cend(),
-                                       [&](const DeviceEntry& d) { return d.id == id; });
-        if (!known)
+        if (!isInAccount(id))
             return {{QStringLiteral("ok"), false}, {QStringLiteral("error"), "unknown_device"}};
         selectDevice(id);
         return {{QStringLiteral("device"), id}};

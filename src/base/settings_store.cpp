@@ -45,6 +45,15 @@ QString SettingsStore::stringValue(const char* key, const QString& fallback) con
     return v.isString() ? v.toString() : fallback;
 }
 
+int SettingsStore::wholeValue(const char* key, int lowest, int highest, int fallback) const
+{
+    const QJsonValue v = m_doc.value(QLatin1String(key));
+    const double d = v.toDouble(-1);
+    if (!v.isDouble() || d != std::floor(d) || d < lowest || d > highest)
+        return fallback;
+    return static_cast<int>(d);
+}
+
 bool SettingsStore::boolValue(const char* key, bool fallback) const
 {
     const QJsonValue v = m_doc.value(QLatin1String(key));
@@ -92,11 +101,7 @@ void SettingsStore::setServerEnabled(bool enabled)
 
 int SettingsStore::staleAfterSeconds() const
 {
-    const QJsonValue v = m_doc.value(QLatin1String(kStaleAfter));
-    const double d = v.toDouble(-1);
-    if (!v.isDouble() || d != std::floor(d) || d < 1 || d > 3600)
-        return DefaultStaleAfterSeconds;
-    return static_cast<int>(d);
+    return wholeValue(kStaleAfter, 1, 3600, DefaultStaleAfterSeconds);
 }
 
 void SettingsStore::setStaleAfterSeconds(int seconds)
@@ -106,12 +111,8 @@ void SettingsStore::setStaleAfterSeconds(int seconds)
 
 int SettingsStore::serverPort() const
 {
-    const QJsonValue v = m_doc.value(QLatin1String(kServerPort));
-    const double d = v.toDouble(-1);
     // Only a whole number that is a TCP port counts; anything else is the default.
-    if (!v.isDouble() || d != std::floor(d) || d < 1 || d > 65535)
-        return DefaultServerPort;
-    return static_cast<int>(d);
+    return wholeValue(kServerPort, 1, 65535, DefaultServerPort);
 }
 
 void SettingsStore::setServerPort(int port)

@@ -73,6 +73,8 @@ public:
 private:
     QString stringValue(const char* key, const QString& fallback = {}) const;
     bool boolValue(const char* key, bool fallback) const;
+    // A whole number from `lowest` to `highest`; anything else gives `fallback`.
+    int wholeValue(const char* key, int lowest, int highest, int fallback) const;
     void setValue(const char* key, const QJsonValue& value);
     void setInner(const char* key, const QString& deviceId, const QJsonValue& value);
     void save() const;

@@ -104,9 +104,13 @@ void CloudRelay::buffer(const QByteArray& bytes)
 void CloudRelay::dropConnection()
 {
     m_pending.clear();
-    m_paused = false;
     m_retryTimer.stop();
     m_retryMs = m_firstRetryMs;
+    closeSocket();
+}
+
+void CloudRelay::closeSocket()
+{
     // abort() emits disconnected when connected; that is our own doing, not news.
     const QSignalBlocker quiet(m_socket);
     m_socket.abort();
@@ -137,7 +141,6 @@ void CloudRelay::forwardToDevice()
         const qsizetype room = (half + 1 - usb->relayQueueSize()) * UsbLink::RelayPieceBytes;
         usb->sendRelay(m_socket.read(room));
     }
-    m_paused = m_socket.bytesAvailable() > 0;
 }
 
 void CloudRelay::onSocketError(QAbstractSocket::SocketError error)
@@ -147,14 +150,13 @@ void CloudRelay::onSocketError(QAbstractSocket::SocketError error)
         m_error = m_socket.errorString();
     const bool neverConnected = m_socket.state() != QAbstractSocket::ConnectedState &&
                                 error != QAbstractSocket::RemoteHostClosedError;
-    const int retryMs = m_retryMs;
-    const QByteArray pending = m_pending;
-    dropConnection();
     if (neverConnected) {
         // Keep what the device sent and try again after a growing wait.
-        m_pending = pending;
-        m_retryTimer.start(retryMs);
-        m_retryMs = qMin(retryMs * 2, m_maxRetryMs);
+        closeSocket();
+        m_retryTimer.start(m_retryMs);
+        m_retryMs = qMin(m_retryMs * 2, m_maxRetryMs);
+    } else {
+        dropConnection();
     }
     Q_EMIT stateChanged();
 }

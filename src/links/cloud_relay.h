@@ -52,7 +52,7 @@ public:
     QString lastError() const { return m_error; }
     qsizetype pendingBytes() const { return m_pending.size(); }
     // Whether reading from the cloud waits for the device's queue to drain.
-    bool isPaused() const { return m_paused; }
+    bool isPaused() const { return isConnected() && m_socket.bytesAvailable() > 0; }
     int nextRetryMs() const { return m_retryMs; }
     // Tests shrink the waits between connection attempts.
     void setRetryDelays(int firstMs, int maxMs);
@@ -63,6 +63,7 @@ Q_SIGNALS:
 private:
     bool hasTunnel() const { return !m_host.isEmpty() && m_port != 0; }
     void dropConnection();
+    void closeSocket();
     void buffer(const QByteArray& bytes);
     void onConnected();
     void onSocketReadyRead();
@@ -77,7 +78,6 @@ private:
     QTcpSocket m_socket;
     QByteArray m_pending;
     QString m_error;
-    bool m_paused = false;
     int m_firstRetryMs = FirstRetryMs;
     int m_maxRetryMs = MaxRetryMs;
     int m_retryMs = FirstRetryMs;
