@@ -13,17 +13,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const QByteArray input(reinterpret_cast<const char*>(data), static_cast<qsizetype>(size));
     for (const QByteArray& line : input.split('\n')) {
         const HelperLine parsed = vantorelle::parseHelperLine(line);
-        switch (parsed.kind) {
-        case HelperLine::Kind::Answer:
+        if (parsed.kind == HelperLine::Kind::Answer)
             require(parsed.id > 0);
-            break;
-        case HelperLine::Kind::Event:
-            require(!parsed.event.isEmpty() && parsed.id == 0);
-            break;
-        case HelperLine::Kind::Invalid:
-            require(parsed.id == 0);
-            break;
-        }
+        else
+            require(parsed.id == 0 &&
+                    (parsed.kind == HelperLine::Kind::Invalid || !parsed.event.isEmpty()));
     }
     return 0;
 }

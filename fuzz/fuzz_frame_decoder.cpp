@@ -2,11 +2,12 @@
 // the decoding rules applied literally (one buffer, one byte dropped per resynchronisation).
 // Input: first byte = read size - 1, then the line's bytes.
 #include "frame_decoder.h"
+#include "fuzz_require.h"
 
 #include <cstdint>
-#include <cstdlib>
 
 using namespace vantorelle;
+using vantorelle::fuzz::require;
 
 namespace {
 
@@ -74,10 +75,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     QByteArray reference;
     for (qsizetype at = 0; at < line.size(); at += readSize) {
         const QByteArrayView read = line.sliced(at, qMin(readSize, line.size() - at));
-        if (decoder.decodeFrames(read) != referenceDecode(reference, read))
-            std::abort();
-        if (decoder.pending() != reference)
-            std::abort();
+        require(decoder.decodeFrames(read) == referenceDecode(reference, read));
+        require(decoder.pending() == reference);
     }
     return 0;
 }

@@ -4,11 +4,12 @@
 #include "admin_reassembler.h"
 #include "frame_codec.h"
 #include "frame_decoder.h"
+#include "fuzz_require.h"
 
 #include <cstdint>
-#include <cstdlib>
 
 using namespace vantorelle;
+using vantorelle::fuzz::require;
 
 namespace {
 
@@ -21,20 +22,16 @@ void feedPayloads(QByteArrayView input)
         at += 1 + length;
         const bool wasIdle = reassembler.isIdle();
         const std::optional<QByteArray> reply = reassembler.add(payload);
-        if (reply && !(wasIdle && payload.startsWith('{')) && reply->isEmpty())
-            std::abort(); // a fragmented reply is never empty: its total is at least 1
-        if (reply && !reassembler.isIdle())
-            std::abort();
+        // A fragmented reply is never empty: its total is at least 1.
+        require(!reply || ((wasIdle && payload.startsWith('{')) || !reply->isEmpty()));
+        require(!reply || reassembler.isIdle());
     }
 }
 
 void roundTrip(QByteArrayView message)
 {
-    if (message.size() > kMaxAdminRequest) {
-        if (!encodeAdminRequest(message).isEmpty())
-            std::abort();
-        return;
-    }
+    if (message.size() > kMaxAdminRequest)
+        return require(encodeAdminRequest(message).isEmpty());
     // Messages that fit in one frame are told apart by their opening brace.
     if (message.size() <= kMaxFramePayload && !message.startsWith('{'))
         return;
@@ -42,12 +39,10 @@ void roundTrip(QByteArrayView message)
     AdminReassembler reassembler;
     std::optional<QByteArray> reply;
     for (const Frame& frame : decoder.decodeFrames(encodeAdminRequest(message).join())) {
-        if (reply)
-            std::abort();
+        require(!reply);
         reply = reassembler.add(frame.payload);
     }
-    if (!reply || *reply != message)
-        std::abort();
+    require(reply && *reply == message);
 }
 
 } // namespace

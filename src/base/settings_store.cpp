@@ -32,11 +32,14 @@ void SettingsStore::load(const QString& path)
     m_path = path;
     m_doc = {};
     QFile file(path);
-    if (path.isEmpty() || !file.open(QIODevice::ReadOnly))
-        return;
-    const QJsonDocument doc = QJsonDocument::fromJson(file.readAll());
-    if (doc.isObject())
-        m_doc = doc.object();
+    if (!path.isEmpty() && file.open(QIODevice::ReadOnly))
+        loadBytes(file.readAll());
+}
+
+void SettingsStore::loadBytes(const QByteArray& bytes)
+{
+    const QJsonDocument doc = QJsonDocument::fromJson(bytes);
+    m_doc = doc.isObject() ? doc.object() : QJsonObject();
 }
 
 QString SettingsStore::stringValue(const char* key, const QString& fallback) const
@@ -79,7 +82,12 @@ void SettingsStore::save() const
     if (m_path.isEmpty())
         return;
     // A failed save is not reported: the next setter saves the whole document again.
-    saveFileAtomically(m_path, QJsonDocument(m_doc).toJson(QJsonDocument::Indented), m_writer);
+    saveFileAtomically(m_path, fileBytes(), m_writer);
+}
+
+QByteArray SettingsStore::fileBytes() const
+{
+    return QJsonDocument(m_doc).toJson(QJsonDocument::Indented);
 }
 
 QString SettingsStore::selectedDevice() const
@@ -146,8 +154,10 @@ void SettingsStore::setAutoCheckUpdates(bool enabled)
 
 double SettingsStore::lastUpdateCheck() const
 {
+    // Shown as a date: a time before the epoch or past the year 9999 counts as no check.
     const QJsonValue v = m_doc.value(QLatin1String(kLastUpdateCheck));
-    return v.isDouble() ? v.toDouble() : 0.0;
+    const double seconds = v.toDouble(0);
+    return v.isDouble() && seconds >= 0 && seconds <= 253402300799.0 ? seconds : 0.0;
 }
 
 void SettingsStore::setLastUpdateCheck(double seconds)

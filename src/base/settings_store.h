@@ -2,6 +2,7 @@
 
 #include "atomic_file.h"
 
+#include <QByteArray>
 #include <QJsonObject>
 #include <QString>
 
@@ -35,6 +36,8 @@ public:
     static constexpr int DefaultStaleAfterSeconds = 30;
 
     void load(const QString& path);
+    // Replaces the settings with those in `bytes`, a settings file's contents; the path stays.
+    void loadBytes(const QByteArray& bytes);
     QString path() const { return m_path; }
 
     QString selectedDevice() const;
@@ -49,7 +52,8 @@ public:
     void setShareConnection(bool share);
     bool autoCheckUpdates() const;
     void setAutoCheckUpdates(bool enabled);
-    // Seconds since the Unix epoch; 0 when no check has finished yet.
+    // Seconds since the Unix epoch; 0 when no check has finished yet (or the file holds no time
+    // from 1970 to 9999).
     double lastUpdateCheck() const;
     void setLastUpdateCheck(double seconds);
     QString lastUsbPort() const;
@@ -67,6 +71,8 @@ public:
     // Every device id that has a `lan` entry, in key order.
     QStringList lanDeviceIds() const;
 
+    // What a save writes: the whole document.
+    QByteArray fileBytes() const;
     // Replaces how a save writes its bytes (tests fail saves through it).
     void setSaveWriter(SaveWriter writer) { m_writer = std::move(writer); }
 

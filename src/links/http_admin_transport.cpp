@@ -91,6 +91,17 @@ QString messageForStatus(int status, const QJsonObject& body)
     return message;
 }
 
+// Session values go back out as header values as they are; one with a control byte would end
+// the header line early and smuggle in lines of its own, so it is not kept.
+QByteArray headerValue(const QByteArray& text)
+{
+    for (const char c : text) {
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f)
+            return {};
+    }
+    return text;
+}
+
 // Restarting methods: the device drops the connection instead of answering.
 bool dropMeansSuccess(const QString& method)
 {
@@ -158,6 +169,34 @@ QString normaliseDeviceAddress(const QString& typed)
     if (text.startsWith(prefix, Qt::CaseInsensitive) && !text.contains(QLatin1Char('.')))
         return text.toLower() + QStringLiteral(".local");
     return text;
+}
+
+HttpAdminAnswer httpAdminAnswer(const QString& method, int status, const QByteArray& body)
+{
+    if (status == 0) {
+        if (dropMeansSuccess(method))
+            return {true, {{QStringLiteral("status"), QStringLiteral("ok")}}, {}, {}};
+        return {false,
+                {},
+                QStringLiteral("unreachable"),
+                QStringLiteral("Could not reach the device on your network.")};
+    }
+    const QJsonObject object = bodyObject(body);
+    if (status < 200 || status > 299)
+        return {false, {}, codeForStatus(status, object), messageForStatus(status, object)};
+    return {true, object, {}, {}};
+}
+
+HttpAdminSession httpAdminSession(const QByteArray& setCookie, const QJsonObject& loginResult)
+{
+    // Several Set-Cookie headers arrive joined by '\n'; the session is the first one.
+    QByteArray cookie = setCookie;
+    if (const qsizetype end = cookie.indexOf('\n'); end >= 0)
+        cookie.truncate(end);
+    if (const qsizetype end = cookie.indexOf(';'); end >= 0)
+        cookie.truncate(end);
+    return {headerValue(cookie.trimmed()),
+            headerValue(loginResult.value(QStringLiteral("csrf_token")).toString().toUtf8())};
 }
 
 HttpAdminTransport::HttpAdminTransport(const QString& host, int port, QObject* parent)
@@ -229,30 +268,23 @@ QNetworkReply* HttpAdminTransport::post(const QNetworkRequest& request, const Ht
 void HttpAdminTransport::onFinished(QNetworkReply* reply, int id, const QString& method)
 {
     reply->deleteLater();
-    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
     if (replyWasTooLarge(reply))
         return replyError(id, QStringLiteral("reply_too_large"),
                           QStringLiteral("The device's answer was too large to read."));
-    if (status == 0) {
-        if (dropMeansSuccess(method))
-            return this->reply(id, {{QStringLiteral("status"), QStringLiteral("ok")}});
-        return replyError(id, QStringLiteral("unreachable"),
-                          QStringLiteral("Could not reach the device on your network."));
-    }
-
-    const QJsonObject body = bodyObject(reply->readAll());
-    if (status < 200 || status > 299)
-        return replyError(id, codeForStatus(status, body), messageForStatus(status, body));
+    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    const HttpAdminAnswer answer = httpAdminAnswer(method, status, reply->readAll());
+    if (!answer.ok)
+        return replyError(id, answer.code, answer.message);
     if (method == QLatin1String("login"))
-        storeSession(reply->rawHeader("Set-Cookie"), body);
-    this->reply(id, body);
+        storeSession(reply->rawHeader("Set-Cookie"), answer.result);
+    this->reply(id, answer.result);
 }
 
 void HttpAdminTransport::storeSession(const QByteArray& setCookie, const QJsonObject& body)
 {
-    const qsizetype end = setCookie.indexOf(';');
-    m_cookie = end > 0 ? setCookie.left(end) : setCookie;
-    m_csrfToken = body.value(QStringLiteral("csrf_token")).toString().toUtf8();
+    const HttpAdminSession session = httpAdminSession(setCookie, body);
+    m_cookie = session.cookie;
+    m_csrfToken = session.csrfToken;
 }
 
 void HttpAdminTransport::reply(int id, const QJsonObject& result)

@@ -31,6 +31,31 @@ const HttpAdminRoute* findHttpAdminRoute(const QString& method);
 // number ("12") becomes its mDNS name ("vantorelle-0012.local").
 QString normaliseDeviceAddress(const QString& typed);
 
+// What one HTTP answer of the device means for the request it answers.
+struct HttpAdminAnswer
+{
+    bool ok = false;
+    QJsonObject result; // the reply's result when `ok`
+    QString code;       // the reply's error code otherwise
+    QString message;    // and its sentence
+};
+
+// Turns the HTTP status (0 when no answer arrived) and body of an answer to `method` into the
+// reply. An answer that is not a JSON object is wrapped: an array as "value", anything else as a
+// null "value".
+HttpAdminAnswer httpAdminAnswer(const QString& method, int status, const QByteArray& body);
+
+// The session a `login` answer hands out: its cookie and its CSRF token, sent back as they are.
+struct HttpAdminSession
+{
+    QByteArray cookie;
+    QByteArray csrfToken;
+};
+
+// `setCookie` is the answer's Set-Cookie value; only the first cookie's name=value is kept. A value
+// holding a control byte is left empty: it could not go back out as a header.
+HttpAdminSession httpAdminSession(const QByteArray& setCookie, const QJsonObject& loginResult);
+
 // The admin request channel to a device on the local network. Each request document becomes one
 // HTTP request by the route table, and each HTTP answer becomes a reply document emitted as
 // `message`. Carries the session cookie and the CSRF token that `login` hands out.

@@ -13,6 +13,8 @@
 #include <QNetworkRequest>
 #include <QSslConfiguration>
 
+#include <cmath>
+
 namespace vantorelle {
 
 namespace {
@@ -47,9 +49,14 @@ QString textOf(const QJsonObject& object, const char* key)
     return object.value(QLatin1String(key)).toString();
 }
 
+// A page size OBS can draw: whole pixels from 1 to 16384, its largest texture. Anything else
+// gives the default.
 int dimension(const QJsonValue& value, int fallback)
 {
-    return value.isDouble() ? value.toInt() : fallback;
+    const double pixels = value.toDouble(-1);
+    if (!value.isDouble() || pixels != std::floor(pixels) || pixels < 1 || pixels > 16384)
+        return fallback;
+    return static_cast<int>(pixels);
 }
 
 } // namespace
@@ -68,6 +75,28 @@ QString portalErrorText(int status, const QString& code, const QString& detail)
     return QStringLiteral("Vantorelle returned an error (%1).").arg(status);
 }
 
+PortalResult portalResult(int status, bool transferred, const QByteArray& body)
+{
+    PortalResult result;
+    result.status = status;
+    const QJsonDocument document = QJsonDocument::fromJson(body);
+    if (document.isObject())
+        result.data = document.object();
+    result.ok = transferred && status >= 200 && status <= 299;
+    if (!result.ok) {
+        const QJsonValue detail = result.data.value(QLatin1String("detail"));
+        QString detailText;
+        if (detail.isObject())
+            result.error = detail.toObject().value(QLatin1String("error")).toString();
+        else if (detail.isString())
+            detailText = detail.toString();
+        if (result.error.isEmpty())
+            result.error = result.data.value(QLatin1String("error")).toString();
+        result.message = portalErrorText(status, result.error, detailText);
+    }
+    return result;
+}
+
 // --- Jar ---
 
 PortalClient::Jar::Jar(QObject* parent) : QNetworkCookieJar(parent) {}
@@ -77,10 +106,14 @@ void PortalClient::Jar::load()
     if (m_path.isEmpty())
         return;
     QFile file(m_path);
-    if (!file.open(QIODevice::ReadOnly))
-        return;
+    if (file.open(QIODevice::ReadOnly))
+        loadBytes(file.readAll());
+}
+
+void PortalClient::Jar::loadBytes(const QByteArray& bytes)
+{
     QList<QNetworkCookie> cookies;
-    const QJsonArray lines = QJsonDocument::fromJson(file.readAll()).array();
+    const QJsonArray lines = QJsonDocument::fromJson(bytes).array();
     for (const QJsonValue& line : lines)
         cookies += QNetworkCookie::parseCookies(line.toString().toUtf8());
     setAllCookies(cookies);
@@ -88,15 +121,25 @@ void PortalClient::Jar::load()
 
 void PortalClient::Jar::save() const
 {
-    if (m_path.isEmpty())
-        return;
+    if (!m_path.isEmpty())
+        saveFileAtomically(m_path, fileBytes(), m_writer);
+}
+
+QByteArray PortalClient::Jar::fileBytes() const
+{
     const QDateTime now = QDateTime::currentDateTimeUtc();
     QJsonArray lines;
     for (const QNetworkCookie& cookie : allCookies()) {
-        if (cookie.isSessionCookie() || cookie.expirationDate() > now)
-            lines.append(QString::fromUtf8(cookie.toRawForm(QNetworkCookie::Full)));
+        if (!cookie.isSessionCookie() && cookie.expirationDate() <= now)
+            continue;
+        // The file holds text; a cookie that would read back as another is not kept.
+        const QByteArray raw = cookie.toRawForm(QNetworkCookie::Full);
+        const QString line = QString::fromUtf8(raw);
+        const QList<QNetworkCookie> back = QNetworkCookie::parseCookies(line.toUtf8());
+        if (back.size() == 1 && back.first().toRawForm(QNetworkCookie::Full) == raw)
+            lines.append(line);
     }
-    saveFileAtomically(m_path, QJsonDocument(lines).toJson(QJsonDocument::Compact), m_writer);
+    return QJsonDocument(lines).toJson(QJsonDocument::Compact);
 }
 
 void PortalClient::Jar::clear()
@@ -258,7 +301,9 @@ QList<GraphicsOutput> PortalClient::parseOutputs(const PortalResult& result) con
         output.deviceId = textOf(object, "device_id");
         output.width = dimension(object.value(QLatin1String("width")), 1920);
         output.height = dimension(object.value(QLatin1String("height")), 1080);
-        output.url = m_base + QStringLiteral("/graphics/o/") + output.shareToken;
+        // Encoded, so that no token can add a query or leave the page's folder.
+        output.url = m_base + QStringLiteral("/graphics/o/") +
+                     QString::fromLatin1(QUrl::toPercentEncoding(output.shareToken));
         outputs.append(output);
     }
     return outputs;
@@ -299,15 +344,11 @@ void PortalClient::request(const QByteArray& verb, const QString& path,
 
 void PortalClient::complete(QNetworkReply* reply, const Callback& callback, bool signOutOn401)
 {
-    PortalResult result;
-    result.status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
     // An aborted reply (time-out) is closed and has no body to read.
-    const QByteArray body = reply->isOpen() ? reply->readAll() : QByteArray();
-    const QJsonDocument document = QJsonDocument::fromJson(body);
-    if (document.isObject())
-        result.data = document.object();
-    result.ok =
-        reply->error() == QNetworkReply::NoError && result.status >= 200 && result.status <= 299;
+    PortalResult result =
+        portalResult(reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(),
+                     reply->error() == QNetworkReply::NoError,
+                     reply->isOpen() ? reply->readAll() : QByteArray());
 
     // Keep a renewed or rotated session cookie across restarts.
     if (m_signedIn && reply->hasRawHeader("Set-Cookie"))
@@ -317,18 +358,8 @@ void PortalClient::complete(QNetworkReply* reply, const Callback& callback, bool
         result.ok = false;
         result.error = QStringLiteral("reply_too_large");
         result.message = QStringLiteral("The portal's answer was too large to read.");
-    } else if (!result.ok) {
-        const QJsonValue detail = result.data.value(QLatin1String("detail"));
-        QString detailText;
-        if (detail.isObject())
-            result.error = detail.toObject().value(QLatin1String("error")).toString();
-        else if (detail.isString())
-            detailText = detail.toString();
-        if (result.error.isEmpty())
-            result.error = result.data.value(QLatin1String("error")).toString();
-        result.message = portalErrorText(result.status, result.error, detailText);
-        if (result.status == 401 && signOutOn401)
-            setSignedIn(false);
+    } else if (!result.ok && result.status == 401 && signOutOn401) {
+        setSignedIn(false);
     }
 
     reply->deleteLater();

@@ -49,11 +49,15 @@ struct GraphicsOutput
     QString deviceId;
     int width = 1920;
     int height = 1080;
-    QString url; // base address + "/graphics/o/" + share token
+    QString url; // base address + "/graphics/o/" + share token, percent-encoded
 };
 
 // The user-facing sentence for a failed portal call.
 QString portalErrorText(int status, const QString& code, const QString& detail);
+
+// What a portal answer means: `status` 0 when no HTTP reply arrived, `transferred` false when the
+// network reported an error, `body` the bytes of the reply.
+PortalResult portalResult(int status, bool transferred, const QByteArray& body);
 
 // The only client of the maker's cloud portal. Every call ends in exactly one callback, on the
 // thread that made it; failures come back as values with a ready-made message.
@@ -77,8 +81,13 @@ public:
 
         // Replaces every cookie with those in the file; an unreadable file leaves the jar as is.
         void load();
-        // Writes session cookies and unexpired persistent ones; failures are silent.
+        // Replaces every cookie with those in `bytes`, a file's contents.
+        void loadBytes(const QByteArray& bytes);
+        // Writes fileBytes(); failures are silent.
         void save() const;
+        // Session cookies and unexpired persistent ones that read back as themselves, one line
+        // each in a JSON array.
+        QByteArray fileBytes() const;
         // Forgets every cookie and deletes the file.
         void clear();
 

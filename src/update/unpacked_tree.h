@@ -13,7 +13,8 @@ struct UnpackedTree
 };
 
 // Checks the unpack folder: exactly one top-level folder (a "__MACOSX" entry is ignored), no
-// links and nothing that resolves outside the folder, and the module at `moduleRelativePath`.
+// links (hard links included), no name Qt cannot reach, nothing that resolves outside the
+// folder, and the module at `moduleRelativePath`.
 UnpackedTree inspectUnpackedTree(const QString& unpackFolder, const QString& moduleRelativePath);
 
 } // namespace vantorelle
