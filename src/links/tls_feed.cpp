@@ -43,6 +43,12 @@ TlsFeed::TlsFeed(const TlsFeedSettings& settings, QObject* parent)
                           : QStringLiteral("The device did not answer on your network within %1 s.")
                                 .arg(seconds(m_settings.connectTimeoutMs)));
     });
+    m_silenceTimer.setSingleShot(true);
+    connect(&m_silenceTimer, &QTimer::timeout, this, [this] {
+        giveUpAttempt(QStringLiteral("The device sent nothing for %1 s, so the connection was "
+                                     "dropped.")
+                          .arg(seconds(m_settings.silenceTimeoutMs)));
+    });
 }
 
 TlsFeed::~TlsFeed()
@@ -105,6 +111,7 @@ void TlsFeed::onConnected()
 
 void TlsFeed::dropSocket()
 {
+    m_silenceTimer.stop();
     if (!m_socket)
         return;
     QSslSocket* const socket = m_socket;
@@ -125,6 +132,8 @@ void TlsFeed::onReadyRead()
 {
     QSslSocket* const socket = m_socket;
     m_buffer.append(socket->readAll());
+    if (m_authenticated)
+        m_silenceTimer.start(m_settings.silenceTimeoutMs);
     const QPointer<TlsFeed> alive(this);
     const auto tooLong = [this] {
         const qsizetype newline = m_buffer.indexOf('\n');
@@ -162,6 +171,7 @@ void TlsFeed::handleLine(const QByteArray& line)
         }
         m_authenticated = true;
         m_attemptTimer.stop();
+        m_silenceTimer.start(m_settings.silenceTimeoutMs);
         m_delayMs = m_settings.firstDelayMs;
         m_lastError.clear();
         Q_EMIT connectedChanged(true, QString());
@@ -208,6 +218,7 @@ void TlsFeed::onSocketError()
 void TlsFeed::onDisconnected(QSslSocket* socket)
 {
     m_attemptTimer.stop();
+    m_silenceTimer.stop();
     const QPointer<TlsFeed> alive(this);
     if (m_authenticated) {
         m_authenticated = false;

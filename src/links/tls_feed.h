@@ -20,6 +20,10 @@ struct TlsFeedSettings
     // after it started (or after the handshake) is given up and retried after the usual wait.
     int connectTimeoutMs = 10000;
     int authTimeoutMs = 10000;
+    // A live connection that has brought nothing at all (not even a heartbeat) for this long is
+    // dropped and retried: a device that hangs with its connection open still answers TCP
+    // keep-alive. Twice the default stale limit, so that a quiet feed shows stale first.
+    int silenceTimeoutMs = 60000;
     // A line longer than this (no line feed yet) drops the connection.
     qsizetype maxLineBytes = 64 * 1024;
 };
@@ -79,6 +83,8 @@ private:
     QTimer m_reconnectTimer;
     // The connect-and-handshake deadline, then the "auth_ok" deadline.
     QTimer m_attemptTimer;
+    // Restarted by every read of a live connection.
+    QTimer m_silenceTimer;
     int m_delayMs;
     TlsFeedSettings m_settings;
 };

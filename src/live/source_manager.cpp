@@ -137,7 +137,10 @@ void SourceManager::onPollReply(quint32 generation, const PortalResult& result)
         m_pollTimer.stop();
         return setStatus(false, result.message);
     }
-    setStatus(false, result.message);
+    // A portal that keeps failing, one way then another, keeps the first failure's sentence up
+    // rather than changing the status with every attempt.
+    if (m_failures == 1)
+        setStatus(false, result.message);
     if (m_failures >= m_settings.failuresBeforeSlowPoll)
         m_pollTimer.setInterval(m_settings.slowPollIntervalMs);
 }

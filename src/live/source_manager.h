@@ -17,7 +17,8 @@ class LiveData;
 class PortalClient;
 struct PortalResult;
 
-// Cloud polling pace: every second, and every five once the portal keeps failing.
+// Cloud polling pace: every second, and every five once the portal keeps failing. A run of
+// failed polls shows the first one's sentence until a poll succeeds.
 struct SourceManagerSettings
 {
     int pollIntervalMs = 1000;

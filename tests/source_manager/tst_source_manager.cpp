@@ -10,8 +10,13 @@
 
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QScopeGuard>
 #include <QSignalSpy>
 #include <QTest>
+
+#include <csignal>
 
 using namespace vantorelle;
 
@@ -21,6 +26,18 @@ QJsonObject json(const char* text)
 {
     return test::jsonObject(test::jsonText(text));
 }
+
+// Every status a manager publishes, in order, marked "stale: " while stale.
+struct Statuses : QStringList
+{
+    explicit Statuses(SourceManager& manager)
+    {
+        QObject::connect(&manager, &SourceManager::statusChanged, &context, [this, &manager] {
+            append((manager.isStale() ? "stale: " : "") + manager.status());
+        });
+    }
+    QObject context;
+};
 
 // Everything the manager talks to, polls every 20 ms and 1 s once slowed down. The account
 // holds court-1, 2 and 3.
@@ -251,6 +268,133 @@ private Q_SLOTS:
             rig.manager->stop(); // the manager let the session go
             QVERIFY(watched.expired());
         }
+    }
+    // A device that hangs with its connection open (its process stopped) shows stale, then its
+    // feed is dropped for silence and retried with the reason shown; running again, it is live.
+    void hungDeviceIsDroppedAndFollowedAgain()
+    {
+        QProcess device;
+        device.start(VANTORELLE_SIM, {"--lan", "--interval", "50"});
+        QVERIFY(device.waitForStarted());
+        const pid_t pid = pid_t(device.processId());
+        const auto cleanup = qScopeGuard([&] {
+            ::kill(pid, SIGCONT);
+            device.kill();
+            device.waitForFinished();
+        });
+        QString printed;
+        QVERIFY(QTest::qWaitFor([&] {
+            printed += device.readAllStandardOutput();
+            return printed.contains(QRegularExpression("token: \\S+\n"));
+        }));
+        const quint16 port =
+            QRegularExpression("feed: 127.0.0.1:(\\d+)\n").match(printed).captured(1).toUShort();
+        const QString token = QRegularExpression("token: (\\S+)\n").match(printed).captured(1);
+        Rig rig;
+        SourceManagerSettings settings{20, 1000, 6, {port, 10, 150}};
+        settings.feed.connectTimeoutMs = 500;
+        settings.feed.authTimeoutMs = 500;
+        settings.feed.silenceTimeoutMs = 2000;
+        settings.staleAfterMs = 1000;
+        settings.staleCheckMs = 50;
+        SourceManager manager(&rig.portal, &rig.live, settings);
+        Statuses published(manager);
+        manager.useLan("127.0.0.1", token, "Sim");
+        QTRY_VERIFY(manager.isLive());
+        QSignalSpy connected(&manager.feed(), &TlsFeed::connectedChanged);
+        QCOMPARE(::kill(pid, SIGSTOP), 0);
+        QVERIFY(connected.wait(10000));
+        QCOMPARE(connected.first(),
+                 (QVariantList{false, "The device sent nothing for 2 s, so the connection was "
+                                      "dropped."}));
+        QTRY_COMPARE(manager.status(), "Reconnecting to Sim. The device did not answer on your "
+                                       "network within 1 s.");
+        QCOMPARE(::kill(pid, SIGCONT), 0);
+        QTRY_COMPARE_WITH_TIMEOUT(manager.status(), "Live from Sim over your network", 10000);
+        QVERIFY(!manager.isStale());
+        // Stale came first, while the silent connection was still open.
+        const qsizetype stale = published.indexOf(QRegularExpression("stale: .*"));
+        QVERIFY2(stale > 0, qPrintable(published.join('|')));
+        QCOMPARE(published.first(stale),
+                 (QStringList{"Connecting to Sim on your network",
+                              "Connected to Sim, waiting for scoreboard data",
+                              "Live from Sim over your network"}));
+        QVERIFY2(published.at(stale).contains(QRegularExpression("^stale: No data from Sim for "
+                                                                 "[12] s$")),
+                 qPrintable(published.join('|')));
+        QCOMPARE(published.sliced(stale).filter(QRegularExpression("^(?!stale: )")).first(),
+                 "Reconnecting to Sim");
+    }
+    // A device on a cable that answers pings is not stale however quiet; one that stops
+    // answering anything, its port open, is. Speaking again, its next envelope makes it live.
+    void mutedCableIsStale()
+    {
+        sim::UsbDevice device;
+        QVERIFY(device.start());
+        int pings = 0;
+        connect(&device, &sim::UsbDevice::controlReceived, this,
+                [&](const QJsonObject& message) { pings += message.value("t") == "ping"; });
+        UsbLink link(device.portPath(), UsbLinkSettings{50, 300, 100});
+        auto session = std::make_shared<DeviceSession>();
+        session->setPassword("admin");
+        session->start(&link);
+        QTRY_COMPARE(session->state(), DeviceSession::State::Ready);
+        Rig rig;
+        SourceManagerSettings settings{20, 1000, 6, {}};
+        settings.linkSilenceMs = 500;
+        settings.staleCheckMs = 50;
+        SourceManager manager(&rig.portal, &rig.live, settings);
+        Statuses published(manager);
+        manager.useLink(session, "Bench");
+        device.sendEnvelope(json("{'type':'state','fields':{'home_score':7}}"));
+        QTRY_VERIFY(manager.isLive());
+        const int answered = pings;
+        QTRY_VERIFY(pings >= answered + 8); // 800 ms of answered pings
+        QCOMPARE(published, (QStringList{"Connected to Bench, waiting for scoreboard data",
+                                         "Live from Bench"}));
+        device.setMuted(true);
+        QTRY_VERIFY(manager.isStale());
+        QVERIFY2(manager.status().contains(QRegularExpression("^No data from Bench for \\d+ s$")),
+                 qPrintable(manager.status()));
+        QVERIFY(link.isOpened());
+        QCOMPARE(session->state(), DeviceSession::State::Ready);
+        device.setMuted(false);
+        device.sendEnvelope(json("{'type':'state','fields':{'home_score':8}}"));
+        QTRY_COMPARE(manager.status(), "Live from Bench");
+        QVERIFY(!manager.isStale());
+        QCOMPARE(rig.live.value("home_score"), "8");
+    }
+    // A portal that fails for many rounds, by turns answering 500 and not at all: the polls slow
+    // down to their cap, one sentence stays up, and the first good answer brings the device back
+    // at the normal pace.
+    void portalOutage()
+    {
+        Rig rig;
+        QVERIFY(rig.signIn());
+        rig.server.setLiveData("court-1", "hockey", json("{'home_score':4}"));
+        rig.portal.setTransferTimeout(100);
+        SourceManager manager(&rig.portal, &rig.live, {20, 150, 3, {}});
+        Statuses published(manager);
+        QList<int> paces; // the poll interval as each poll arrived
+        const QString path = Rig::statePath("court-1");
+        rig.server.http().route("GET", path, [&](const sim::HttpRequest&) {
+            paces << manager.pollInterval();
+            sim::HttpResponse answer = sim::HttpResponse::text({}, 500);
+            answer.stall = paces.size() % 2 == 0;
+            return answer;
+        });
+        manager.useCloud("court-1", "Court 1");
+        QTRY_VERIFY_WITH_TIMEOUT(paces.size() >= 12, 10000);
+        QCOMPARE(paces.first(12), (QList<int>{20, 20, 20, 150, 150, 150, 150, 150, 150, 150, 150,
+                                              150})); // slowed by the third failure, then capped
+        rig.portal.setTransferTimeout(20000);
+        rig.server.http().removeRoute("GET", path);
+        QTRY_COMPARE(manager.status(), "Live from Court 1");
+        QCOMPARE(manager.pollInterval(), 20);
+        QCOMPARE(rig.live.value("home_score"), "4");
+        QCOMPARE(published,
+                 (QStringList{"Connecting to Court 1", "Vantorelle returned an error (500).",
+                              "Live from Court 1"}));
     }
 };
 

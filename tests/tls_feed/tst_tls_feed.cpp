@@ -1,14 +1,30 @@
 #include "sim/feed_server.h"
 #include "tls_feed.h"
 
+#include <QFile>
 #include <QSignalSpy>
 #include <QTcpServer>
 #include <QTest>
 
 #include <memory>
 
+#include <unistd.h>
+
 using namespace vantorelle;
 using vantorelle::sim::FeedServer;
+
+namespace {
+
+// The resident memory of this process, in bytes.
+qint64 residentBytes()
+{
+    QFile statm("/proc/self/statm");
+    if (!statm.open(QIODevice::ReadOnly))
+        return -1;
+    return statm.readAll().split(' ').value(1).toLongLong() * sysconf(_SC_PAGESIZE);
+}
+
+} // namespace
 
 class TestTlsFeed : public QObject
 {
@@ -170,6 +186,38 @@ private Q_SLOTS:
         QVERIFY(m_server->start(port));
         QTRY_VERIFY(m_feed->isAuthenticated());
         QCOMPARE(m_feed->nextReconnectDelayMs(), 10);
+    }
+    // The device restarted 100 times on the same port: the feed is back after each restart, and
+    // it holds one socket however many it went through.
+    void followsAHundredRestarts()
+    {
+        const quint16 port = m_server->serverPort();
+        startFeed();
+        QSignalSpy envelopes(m_feed.get(), &TlsFeed::envelope);
+        qsizetype objectsAfter10 = 0;
+        qint64 memoryAfter10 = 0;
+        for (int restart = 1; restart <= 100; ++restart) {
+            m_server = std::make_unique<FeedServer>(); // the old one goes with its connections
+            m_server->setExpectedToken(kToken);
+            QSignalSpy authenticated(m_server.get(), &FeedServer::clientAuthenticated);
+            QVERIFY(m_server->start(port));
+            QVERIFY(authenticated.wait());
+            m_server->broadcast({{"restart", restart}});
+            QVERIFY(envelopes.wait());
+            QCOMPARE(envelopes.last().first().toJsonObject(), (QJsonObject{{"restart", restart}}));
+            QVERIFY(QTest::qWaitFor([&] { return m_feed->children().size() == 1; }));
+            if (restart == 10) {
+                objectsAfter10 = m_feed->findChildren<QObject*>().size();
+                memoryAfter10 = residentBytes();
+            }
+        }
+        QCOMPARE(m_feed->findChildren<QObject*>().size(), objectsAfter10);
+        const qint64 grown = residentBytes() - memoryAfter10;
+#ifndef __SANITIZE_ADDRESS__ // the sanitizer holds freed memory back on purpose
+        QVERIFY2(grown < 2 * 1024 * 1024, qPrintable(QString::number(grown)));
+#else
+        Q_UNUSED(grown)
+#endif
     }
 };
 

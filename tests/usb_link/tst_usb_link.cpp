@@ -7,9 +7,11 @@
 #include "version.h"
 
 #include <QElapsedTimer>
+#include <QFile>
 #include <QSignalSpy>
 #include <QTcpServer>
 #include <QTcpSocket>
+#include <QTemporaryDir>
 #include <QTest>
 
 #include <optional>
@@ -75,7 +77,6 @@ struct Bench
             {{"tunnel", QJsonObject{{"host", "127.0.0.1"}, {"port", echo.serverPort()}}}});
         link->cloudRelay()->setShareConnection(true);
     }
-
     UsbDevice device;
     std::optional<UsbLink> link;
     bool started = false;
@@ -156,7 +157,6 @@ private Q_SLOTS:
         QTRY_COMPARE(envelopes.count(), 2);
         QVERIFY(!link.adminTransport()->isOpen());
     }
-
     void givesUpOnASilentPort()
     {
         Bench bench({50, 200, 100, 40, 2000});
@@ -180,7 +180,6 @@ private Q_SLOTS:
         QCOMPARE(openFailed.first(),
                  (QVariantList{"open_failed", "Could not open the USB port (error 2)."}));
     }
-
     void receiverAnswers_data()
     {
         QTest::addColumn<QByteArray>("answer");
@@ -195,7 +194,6 @@ private Q_SLOTS:
             << R"({"t":"rx_error","error":"Busy"})"_ba << QString("failed||Busy");
         QTest::newRow("reboot") << R"({"t":"rx_reboot","ok":true})"_ba << QString("ok||");
     }
-
     void receiverAnswers()
     {
         QFETCH(QByteArray, answer);
@@ -209,7 +207,6 @@ private Q_SLOTS:
         QTRY_COMPARE(done.size(), 1);
         QTEST(done.first(), "outcome");
     }
-
     void receiverRequestsOneAtATime()
     {
         Bench bench({50, 10000, 100, 40, 300}, UsbDevice::Role::Receiver);
@@ -246,7 +243,6 @@ private Q_SLOTS:
         QCOMPARE(bench.kinds.count("rx_status"), 1);
         QCOMPARE(bench.kinds.count("rx_reboot"), 1); // not the one refused while busy
     }
-
     void relayRoundTripIsPacedUntilUnplugged()
     {
         const int pacing = 60;
@@ -279,7 +275,6 @@ private Q_SLOTS:
         QVERIFY(!relay->isReady());
         QCOMPARE(failed.count(), 0);
     }
-
     void hellosAndRelayQueue()
     {
         Bench bench;
@@ -323,6 +318,43 @@ private Q_SLOTS:
         QVERIFY(relay->isWaiting());
         bench.link->close();
         QCOMPARE(bench.link->streamRelay()->droppedBytes(), 0);
+    }
+    // Unplugged halfway through a frame, then plugged in again, its stable name now leading to
+    // the new terminal as the system's by-id links do: the link reports the loss and opens again,
+    // and the rest of the half frame is not taken for a frame.
+    void replugMidFrame()
+    {
+        QTemporaryDir dir;
+        const QString byId = dir.filePath("usb-Vantorelle-if00");
+        UsbDevice device;
+        QVERIFY(device.start());
+        QVERIFY(QFile::link(device.portPath(), byId));
+        UsbLink link(byId, {50, 10000, 100, 40, 2000});
+        QSignalSpy opened(&link, &DeviceLink::opened);
+        QSignalSpy closed(&link, &DeviceLink::closed);
+        QSignalSpy envelopes(&link, &DeviceLink::envelope);
+        link.open();
+        QVERIFY(opened.wait());
+        const QByteArray three = hex("0056540112007b22686f6d655f73636f7265223a2233227d50a2");
+        const QByteArray four = hex("0056540112007b22686f6d655f73636f7265223a2234227dc027");
+        device.sendRaw(three + four.first(12)); // the whole frame shows the half was read too
+        QVERIFY(envelopes.wait());
+        device.unplug();
+        QVERIFY(closed.wait());
+        QVERIFY(device.start());
+        QVERIFY(QFile::remove(byId) && QFile::link(device.portPath(), byId));
+        // The rest of the half frame comes first, before even the answer to hello.
+        device.setAnswersHello(false);
+        const int hellos = device.helloCount();
+        link.open();
+        QTRY_VERIFY(device.helloCount() > hellos);
+        device.sendRaw(four.sliced(12) + three);
+        QVERIFY(envelopes.wait());
+        QCOMPARE(envelopes.size(), 2);
+        QCOMPARE(envelopes.last().first().toJsonObject(), (QJsonObject{{"home_score", "3"}}));
+        device.sendControl({{"t", "hello"}});
+        QVERIFY(opened.wait());
+        QCOMPARE(closed.size(), 1);
     }
 };
 

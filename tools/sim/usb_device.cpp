@@ -133,6 +133,13 @@ void UsbDevice::setPollInterval(int ms)
     m_pollTimer.setInterval(std::max(1, ms));
 }
 
+void UsbDevice::setMuted(bool muted)
+{
+    m_muted = muted;
+    if (muted)
+        m_output.clear();
+}
+
 void UsbDevice::startGame(int intervalMs)
 {
     m_game->start(intervalMs);
@@ -178,7 +185,7 @@ void UsbDevice::sendAdminReply(const QByteArray& reply)
 
 void UsbDevice::sendRaw(const QByteArray& bytes)
 {
-    if (m_master < 0 || m_output.size() + bytes.size() > MaxPendingOutput)
+    if (m_master < 0 || m_muted || m_output.size() + bytes.size() > MaxPendingOutput)
         return;
     m_output.append(bytes);
     flushOutput();

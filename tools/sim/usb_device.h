@@ -62,6 +62,9 @@ public:
     void setAnswersAdmin(bool answers) { m_answersAdmin = answers; }
     // Delays each admin reply by this many milliseconds (default 0).
     void setAdminReplyDelay(int ms) { m_adminReplyDelayMs = ms; }
+    // true: the port stays open and what the computer sends is still read, but the device sends
+    // nothing at all (no answers, no pongs, no live data), as firmware that hung.
+    void setMuted(bool muted);
 
     // Receiver role: the next "rx_set" is answered with "rx_error" carrying `error`.
     void failNextReceiverRequest(const QString& error) { m_receiverError = error; }
@@ -121,6 +124,7 @@ private:
     Role m_role = Role::Device;
     bool m_answersHello = true;
     bool m_answersAdmin = true;
+    bool m_muted = false;
     int m_adminReplyDelayMs = 0;
     QJsonObject m_helloInfo;
     int m_helloCount = 0;
