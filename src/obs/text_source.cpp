@@ -21,6 +21,9 @@ struct TextInstance : WrappedSource
     QString templateText;
     // What the inner source was last told to show.
     QString shownText;
+    // Our own copy of the source's settings as OBS last gave them: a refresh reads this, never
+    // the source's settings, which OBS may be writing on another thread at that moment.
+    obs_data_t* settings = nullptr;
 };
 
 // OBS creates, updates and destroys sources on its own threads while live-data changes arrive on
@@ -52,11 +55,12 @@ const LiveData* liveData()
     return app ? &app->live() : nullptr;
 }
 
-// Renders the template of `settings` into the inner source. Without `force`, an unchanged text
-// leaves the inner source alone, so a ticking clock does not rebuild every score text.
-// Caller holds s_mutex.
-void applyLocked(TextInstance* self, obs_data_t* settings, bool force)
+// Renders the template of the stored settings into the inner source. Without `force`, an
+// unchanged text leaves the inner source alone, so a ticking clock does not rebuild every score
+// text. Caller holds s_mutex.
+void applyLocked(TextInstance* self, bool force)
 {
+    obs_data_t* settings = self->settings;
     self->templateText = QString::fromUtf8(obs_data_get_string(settings, "template"));
     const QString rendered = renderScoreTemplate(self->templateText, liveData());
     if (!force && rendered == self->shownText)
@@ -66,6 +70,14 @@ void applyLocked(TextInstance* self, obs_data_t* settings, bool force)
     obs_data_set_string(copy, "text", rendered.toUtf8().constData());
     obs_source_update(self->inner, copy);
     self->shownText = rendered;
+}
+
+// Caller holds s_mutex.
+void storeLocked(TextInstance* self, obs_data_t* settings)
+{
+    obs_data_release(self->settings);
+    self->settings = obs_data_create();
+    obs_data_apply(self->settings, settings);
 }
 
 const char* textGetName(void*) noexcept
@@ -85,7 +97,8 @@ void* textCreate(obs_data_t* settings, obs_source_t* source) noexcept
         self->source = source;
         self->inner = obs_source_create_private(type, "Vantorelle text", nullptr);
         std::lock_guard lock(s_mutex);
-        applyLocked(self, settings, true);
+        storeLocked(self, settings);
+        applyLocked(self, true);
         s_instances.insert(self);
         return self;
     });
@@ -99,6 +112,7 @@ void textDestroy(void* data) noexcept
         s_instances.erase(self);
     }
     obs_source_release(self->inner);
+    obs_data_release(self->settings);
     delete self;
 }
 
@@ -111,7 +125,9 @@ void textUpdate(void* data, obs_data_t* settings) noexcept
 {
     guardCallback("vantorelle_text update", [&] {
         std::lock_guard lock(s_mutex);
-        applyLocked(static_cast<TextInstance*>(data), settings, true);
+        auto* self = static_cast<TextInstance*>(data);
+        storeLocked(self, settings);
+        applyLocked(self, true);
     });
 }
 
@@ -168,10 +184,8 @@ void registerTextSource()
 void refreshTextSources()
 {
     std::lock_guard lock(s_mutex);
-    for (TextInstance* self : s_instances) {
-        OBSDataAutoRelease settings = obs_source_get_settings(self->source);
-        applyLocked(self, settings, false);
-    }
+    for (TextInstance* self : s_instances)
+        applyLocked(self, false);
 }
 
 } // namespace vantorelle

@@ -41,7 +41,6 @@ private Q_SLOTS:
         m_opened.emplace(m_link.get(), &DeviceLink::opened);
         m_closed.emplace(m_link.get(), &DeviceLink::closed);
     }
-
     void cleanup()
     {
         m_opened.reset(), m_closed.reset();
@@ -50,7 +49,6 @@ private Q_SLOTS:
         qunsetenv("VANTORELLE_BLE_SIM_PASSKEY");
         qunsetenv("VANTORELLE_BLE_SIM_DROP_AFTER_MS");
     }
-
     void helperMissingOrFailing_data()
     {
         QTest::addColumn<QString>("script"); // empty: the path is a directory
@@ -68,7 +66,6 @@ private Q_SLOTS:
                                  << failed.arg("it named no port");
         QTest::newRow("ends") << "exit 0" << true << "helper_failed" << failed.arg("it ended");
     }
-
     void helperMissingOrFailing()
     {
         QFETCH(QString, script);
@@ -93,7 +90,6 @@ private Q_SLOTS:
         QTEST(answers.first().message, "message");
         QVERIFY(!processAlive(pid));
     }
-
     void opening_data()
     {
         QTest::addColumn<QString>("passkey");
@@ -106,7 +102,6 @@ private Q_SLOTS:
         QTest::newRow("no answer in time")
             << "482913" << 1 << "The Bluetooth helper did not answer in time.";
     }
-
     void opening()
     {
         QFETCH(QString, passkey);
@@ -133,7 +128,6 @@ private Q_SLOTS:
                      (QVariantList{"disconnected", "The Bluetooth device is not connected"}));
         }
     }
-
     void deviceOutOfRangeClosesTheLink()
     {
         qputenv("VANTORELLE_BLE_SIM_DROP_AFTER_MS", "300");
@@ -144,7 +138,6 @@ private Q_SLOTS:
         QVERIFY(!m_link->adminTransport()->isOpen());
         QVERIFY(m_bridge->isRunning()); // only the device went
     }
-
     void helperEndsOnShutdownOrKill()
     {
         QSignalSpy running(m_bridge.get(), &BleHelperBridge::runningChanged);
@@ -170,7 +163,6 @@ private Q_SLOTS:
         QVERIFY(!m_bridge->isRunning());
         QCOMPARE(running, (QList<QVariantList>{{true}, {false}, {true}, {false}}));
     }
-
     void lateConnectionAfterCloseIsLetGo()
     {
         m_link->open();

@@ -44,13 +44,6 @@ QJsonObject LineClient::readObject(int timeoutMs)
     return QJsonDocument::fromJson(readLine(timeoutMs)).object();
 }
 
-bool LineClient::staysQuiet(int ms)
-{
-    QTest::qWait(ms);
-    m_pending.append(m_socket->readAll());
-    return !m_pending.contains('\n');
-}
-
 bool LineClient::waitForClose(int timeoutMs)
 {
     QDeadlineTimer deadline(timeoutMs);

@@ -21,8 +21,6 @@ public:
     QByteArray readLine(int timeoutMs = 5000);
     // The next line parsed as a JSON object (empty object when none came).
     QJsonObject readObject(int timeoutMs = 5000);
-    // True when no further line arrives within `ms` (the event loop keeps running meanwhile).
-    bool staysQuiet(int ms);
     // True once the server has closed the connection (waits up to `timeoutMs`).
     bool waitForClose(int timeoutMs = 5000);
     QTcpSocket& socket() { return *m_socket; }

@@ -61,7 +61,6 @@ template <typename Link, typename Device> struct Bench
         session.start(link.get());
         return reaches(State::Ready);
     }
-
     Device device;
     bool started = device.start();
     std::unique_ptr<Link> link;

@@ -35,7 +35,6 @@ private Q_SLOTS:
         QCOMPARE(encodeFrame(FrameType::StreamRelay, {}), hex("005654050000ffff"));
         QVERIFY(encodeFrame(FrameType::Live, QByteArray(2049, 'z')).isEmpty());
     }
-
     void decode_data()
     {
         QTest::addColumn<QByteArray>("input");
@@ -62,7 +61,6 @@ private Q_SLOTS:
                                         << Bytes{"\x05", "\x02" + QByteArray(2048, 'z')} << ""_ba;
         QTest::newRow("unknown type") << hex("005654090100786f1e") << 0 << Bytes{"\x09x"} << ""_ba;
     }
-
     void decode()
     {
         QFETCH(QByteArray, input);
@@ -76,7 +74,6 @@ private Q_SLOTS:
         QTEST(decoded, "frames");
         QTEST(decoder.pending(), "pending");
     }
-
     void adminRequest_data()
     {
         QTest::addColumn<int>("size");
@@ -94,7 +91,6 @@ private Q_SLOTS:
             << 65535 << largest << hex("005654046200ffff20") + QByteArray(95, 'a') + hex("970d");
         QTest::newRow("65536: too large") << 65536 << Bytes{} << QByteArray();
     }
-
     // Replies travel in the same form, so the request's frames must reassemble into it.
     void adminRequest()
     {
@@ -116,7 +112,6 @@ private Q_SLOTS:
         }
         QCOMPARE(reply, std::optional(request));
     }
-
     // Fragments: total length (big-endian), index, data.
     void reassemble_data()
     {
@@ -137,7 +132,6 @@ private Q_SLOTS:
         QTest::newRow("short payload ignored")
             << Bytes{start, "\0"_ba, "\0\6\1def"_ba} << Bytes{"abcdef"};
     }
-
     void reassemble()
     {
         QFETCH(Bytes, payloads);

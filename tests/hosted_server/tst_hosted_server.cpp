@@ -95,7 +95,6 @@ private Q_SLOTS:
             QCOMPARE(client.readLine(), reply == "S" ? snapshot() : reply);
         QCOMPARE(seen, asked);
     }
-
     // Without a handler only "get" is answered. A line may come in pieces; a reply goes only to
     // the client that asked.
     void linesInPiecesAndRepliesToTheAsker()
@@ -114,7 +113,6 @@ private Q_SLOTS:
         other.send("get\n");
         QCOMPARE(other.readLine(), snapshot());
     }
-
     // A line may fill 64 KiB, its line feed included; a client with more pending is dropped.
     void pendingBytesCap()
     {
@@ -128,7 +126,6 @@ private Q_SLOTS:
         QCOMPARE(client.readLine(0), QByteArray());
         QTRY_COMPARE(m_server->clientCount(), 0);
     }
-
     // A client that never reads is dropped once 1 MiB waits for it; the twenty others get every
     // change, in order, meanwhile.
     void clientThatNeverReadsIsDropped()
@@ -201,7 +198,6 @@ private Q_SLOTS:
         QCOMPARE(QList<QVariantList>(counts), (QList<QVariantList>{{1}, {2}, {1}}));
         QCOMPARE(m_server->clientCount(), 1);
     }
-
     // A restart drops the clients before it listens again, whether or not the port is free.
     void restartDropsClientsFirst()
     {
@@ -229,7 +225,6 @@ private Q_SLOTS:
         QCOMPARE(m_server->lastError(), QString());
         QVERIFY(canConnect("127.0.0.1", newPort));
     }
-
     void listensOnLoopbackUnlessNetworkAllowed()
     {
         const QString address = nonLoopbackAddress();
@@ -241,7 +236,6 @@ private Q_SLOTS:
         QVERIFY(canConnect(address, m_server->serverPort()));
         QVERIFY(canConnect("127.0.0.1", m_server->serverPort()));
     }
-
     // Regression: a handler that stops the server must not leave replies for closed clients.
     void handlerMayStopTheServer()
     {

@@ -94,7 +94,6 @@ private Q_SLOTS:
         else
             QCOMPARE(live.updatedAt(), seededAt);
     }
-
     void clearSignalsOnlyWhenSomethingGoes()
     {
         LiveData live;
@@ -118,7 +117,6 @@ private Q_SLOTS:
         QVERIFY(live.apply(jsonObject(jsonText("{'type':'heartbeat'}")))); // sets the time alone
         QVERIFY(live.updatedAt().isValid());
     }
-
     void snapshotLine()
     {
         LiveData live;
@@ -149,7 +147,6 @@ private Q_SLOTS:
         QCOMPARE(jsonObject(live.toJsonLine()), live.toJson());
         QCOMPARE(live.value(text), text);
     }
-
     // Worker threads apply envelopes while this thread reads; the notifications arrive queued.
     void concurrentApplyAndRead()
     {

@@ -81,7 +81,6 @@ private Q_SLOTS:
         }
         QVERIFY(!openComPort("ttyACM-missing")); // no sentence wanted
     }
-
     void oneOpenerAtATime()
     {
         PtyPair device;
@@ -102,7 +101,6 @@ private Q_SLOTS:
         first.reset(); // destruction releases the port
         QVERIFY(!heldExclusively(device.portPath()));
     }
-
     void rawLineBothWays()
     {
         PtyPair device;
@@ -139,7 +137,6 @@ private Q_SLOTS:
         QVERIFY(device.waitForReceived(toDevice.size()));
         QCOMPARE(device.takeReceived(), toDevice);
     }
-
     void stallIdleAndUnplug()
     {
         PtyPair device;
@@ -170,7 +167,6 @@ private Q_SLOTS:
         QVERIFY(!port.write("x"));
         QVERIFY(!port.write({}));
     }
-
     void listsUsbSerialPortsFromSysfs()
     {
         QTemporaryDir dir;

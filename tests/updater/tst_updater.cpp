@@ -98,19 +98,16 @@ private:
     {
         return QDir(m_box->staging()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
     }
-
     void configure(const std::function<void(UpdaterConfig&)>& edit)
     {
         UpdaterConfig config = m_updater->config();
         edit(config);
         m_updater->setConfig(config);
     }
-
     bool waitFor(const QList<State>& states)
     {
         return QTest::qWaitFor([&] { return states.contains(m_updater->state()); }, 10000);
     }
-
     // Offers `archive` (null: the 1.0.2 package) as version 1.0.2, with `patch` merged into its
     // manifest entry and delivered as `delivery` says, and waits until the updater found it.
     bool offer(QByteArray archive = {}, const QJsonObject& patch = {},
@@ -128,13 +125,11 @@ private:
         m_updater->check(true);
         return waitFor({Available});
     }
-
     bool install()
     {
         m_updater->install();
         return waitFor({Installed, Failed});
     }
-
     // A zip the archive tool makes from mtree lines (contents from the file "x").
     QByteArray zipOf(const QByteArray& entries)
     {
@@ -153,14 +148,12 @@ private Q_SLOTS:
         QVERIFY(QDir().mkpath(outside()));
         test::writeFile(outside() + "/keep.txt", "untouched");
     }
-
     void init()
     {
         m_box = std::make_unique<test::UpdaterSandbox>();
         m_updater = std::make_unique<PluginUpdater>();
         m_updater->setConfig(m_box->config(m_server.manifestUrl()));
     }
-
     void compareVersions_data()
     {
         QTest::addColumn<QString>("a");
@@ -178,7 +171,6 @@ private Q_SLOTS:
         row("1.x.1", "1.0.1", 0);
         row("99999999999999999999.1", "0.1", 0);
     }
-
     void compareVersions()
     {
         QFETCH(QString, a);
@@ -187,7 +179,6 @@ private Q_SLOTS:
         QCOMPARE(vantorelle::compareVersions(a, b), order);
         QCOMPARE(vantorelle::compareVersions(b, a), -order);
     }
-
     void check_data()
     {
         QTest::addColumn<QString>("address"); // null: the service's manifest; "stall": no answer
@@ -242,7 +233,6 @@ private Q_SLOTS:
         at("no host", "https:manifest.json", BadAddress);
         at("no address", "", BadAddress);
     }
-
     // An automatic check keeps a failure to itself, and a second one waits for the first; then
     // the user asks.
     void check()
@@ -289,7 +279,6 @@ private Q_SLOTS:
             QCOMPARE(m_updater->manifest().released, "2025-03-01");
         }
     }
-
     void installSwapsTheWholeTree()
     {
         const QByteArray installed = treeListing(m_box->root());
@@ -312,7 +301,6 @@ private Q_SLOTS:
         QCOMPARE(m_updater->state(), Installed);
         QCOMPARE(m_server.http().requests().size(), requests);
     }
-
     // Progress in percents; meanwhile further checks and installs are refused.
     void slowDownload()
     {
@@ -338,7 +326,6 @@ private Q_SLOTS:
                               InstalledText}));
         QVERIFY2(texts.size() >= 7, qPrintable(texts.join(" | "))); // three steps below 100%
     }
-
     // A file in use stops the swap of the whole folder; files are then moved aside one by one.
     void busyFiles()
     {
@@ -366,7 +353,6 @@ private Q_SLOTS:
         QCOMPARE(treeListing(m_box->root()),
                  treeListing(m_box->path("build-1.0.2/vantorelle-obs")));
     }
-
     void refusedBeforeDownload_data()
     {
         // A read-only "root" or its "parent", a missing "module" (and no download page), or a
@@ -381,7 +367,6 @@ private Q_SLOTS:
         QTest::newRow("staging") << "staging"
                                  << "Could not prepare a download folder (<sandbox>/blocker/up).";
     }
-
     void refusedBeforeDownload()
     {
         QFETCH(QString, broken);
@@ -407,7 +392,6 @@ private Q_SLOTS:
         QCOMPARE(m_updater->statusText(), text.replace("<sandbox>", sandbox));
         QCOMPARE(m_server.packageRequests("package.zip"), downloads);
     }
-
     void refused_data()
     {
         QTest::addColumn<QByteArray>("archive"); // null: the 1.0.2 package
@@ -470,7 +454,6 @@ private Q_SLOTS:
         QTest::newRow("not an archive")
             << QByteArray("just some text\n") << QString() << NotUnpacked;
     }
-
     // A refused update leaves the plug-in and everything around it as it was, and no work files.
     void refused()
     {
