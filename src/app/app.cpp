@@ -5,6 +5,7 @@
 #include "device_session.h"
 #include "hosted_server.h"
 #include "log.h"
+#include "manifest_signature.h"
 #include "source_manager.h"
 #include "usb_link.h"
 
@@ -98,13 +99,18 @@ void App::configureUpdater(const AppEnvironment& environment)
     const QString manifestOverride = addressOverride("VANTORELLE_UPDATE_URL");
     if (!manifestOverride.isEmpty())
         config.manifestUrl = manifestOverride;
+    // A moved manifest comes from a test service, which signs with a key of its own.
+    const QByteArray testKey = developmentUpdateKey();
+    if (!testKey.isEmpty())
+        config.publicKeys.append(testKey);
     config.obsVersion = environment.obsVersion;
     config.stagingFolder = environment.updateFolder;
     config.installFolder = environment.pluginRoot;
     m_updater.setConfig(config);
-    // Files an earlier update could not replace while OBS held them.
+    // A swap a crash interrupted, and files an earlier update could not replace while OBS held
+    // them.
     if (!environment.pluginRoot.isEmpty())
-        PluginUpdater::removeOldFiles(environment.pluginRoot);
+        PluginUpdater::tidyInstallFolder(environment.pluginRoot);
 
     connect(&m_updater, &PluginUpdater::stateChanged, this, &App::onUpdaterStateChanged);
 

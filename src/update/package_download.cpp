@@ -10,15 +10,30 @@ namespace vantorelle {
 
 PackageDownload::PackageDownload(QNetworkAccessManager* network, QObject* parent)
     : QObject(parent), m_network(network)
-{}
+{
+    m_timeLimit.setSingleShot(true);
+    connect(&m_timeLimit, &QTimer::timeout, this, [this] {
+        m_timedOut = true;
+        if (m_reply)
+            m_reply->abort();
+    });
+}
 
 PackageDownload::~PackageDownload()
 {
+    stop();
+}
+
+void PackageDownload::stop()
+{
+    m_done = {};
+    m_timeLimit.stop();
     if (m_reply) {
         m_reply->disconnect(this);
         m_reply->abort();
         m_reply->deleteLater();
     }
+    m_file.close();
 }
 
 bool PackageDownload::openFile(const QString& path)
@@ -28,10 +43,12 @@ bool PackageDownload::openFile(const QString& path)
 }
 
 void PackageDownload::start(const QNetworkRequest& request, const UpdatePackage& package,
-                            Completion done)
+                            const DownloadLimits& limits, Completion done)
 {
     m_package = package;
+    m_limits = limits;
     m_done = std::move(done);
+    m_timeLimit.start(limits.timeLimitMs);
     m_reply = m_network->get(request);
     connect(m_reply, &QNetworkReply::readyRead, this, &PackageDownload::receive);
     connect(m_reply, &QNetworkReply::downloadProgress, this, &PackageDownload::showProgress);
@@ -40,11 +57,12 @@ void PackageDownload::start(const QNetworkRequest& request, const UpdatePackage&
 
 void PackageDownload::receive()
 {
-    if (m_tooLarge || m_writeFailed)
+    if (m_tooLarge || m_writeFailed || m_timedOut)
         return;
     const QByteArray bytes = m_reply->readAll();
     m_received += bytes.size();
-    if (m_package.size > 0 && m_received > m_package.size) {
+    const qint64 cap = m_package.size > 0 ? m_package.size : m_limits.maxBytesWithoutSize;
+    if (m_received > cap) {
         m_tooLarge = true;
         m_reply->abort();
         return;
@@ -72,6 +90,7 @@ void PackageDownload::showProgress(qint64 received, qint64 total)
 void PackageDownload::finish()
 {
     // Bytes still buffered when the transfer ended count like any other.
+    m_timeLimit.stop();
     if (m_reply->bytesAvailable() > 0)
         receive();
     m_file.close();
@@ -84,6 +103,8 @@ PackageDownload::Outcome PackageDownload::outcome() const
 {
     if (m_tooLarge)
         return Outcome::TooLarge;
+    if (m_timedOut)
+        return Outcome::TimedOut;
     if (m_writeFailed)
         return Outcome::WriteFailed;
     const int status = m_reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();

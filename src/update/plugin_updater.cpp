@@ -1,6 +1,7 @@
 #include "plugin_updater.h"
 
 #include "archive_unpacker.h"
+#include "manifest_signature.h"
 #include "package_download.h"
 #include "tree_swap.h"
 #include "unpacked_tree.h"
@@ -12,6 +13,8 @@
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QUrl>
+
+#include <optional>
 
 namespace vantorelle {
 
@@ -25,6 +28,9 @@ QString downloadFailureText(PackageDownload::Outcome outcome)
         return {};
     case O::TooLarge:
         return QStringLiteral("The download was larger than expected, so it was discarded.");
+    case O::TimedOut:
+        return QStringLiteral(
+            "The download took too long, so it was stopped. Nothing was changed.");
     case O::Interrupted:
         return QStringLiteral(
             "The download did not finish. Check your internet connection and try again.");
@@ -48,9 +54,36 @@ QString unpackFailureText(ArchiveUnpacker::Outcome outcome)
         return QStringLiteral(
             "The update could not be unpacked on this computer. Nothing was changed.");
     case ArchiveUnpacker::Outcome::Failed:
+    case ArchiveUnpacker::Outcome::Refused: // comes with its own text
         break;
     }
     return QStringLiteral("The update could not be unpacked. Nothing was changed.");
+}
+
+// A DER signature is at most 72 bytes; a server sending kilobytes is not sending one.
+constexpr qint64 MaxSignatureBytes = 4096;
+// A manifest is a few kilobytes of JSON.
+constexpr qint64 MaxManifestBytes = 1024 * 1024;
+
+// Stops `reply` once it announces or delivers more than `maxBytes`.
+void capReply(QNetworkReply* reply, qint64 maxBytes)
+{
+    QObject::connect(reply, &QNetworkReply::downloadProgress, reply,
+                     [reply, maxBytes](qint64 received, qint64 total) {
+                         if (received > maxBytes || total > maxBytes) {
+                             reply->setProperty("tooLarge", true);
+                             reply->abort();
+                         }
+                     });
+}
+
+// The body of a finished capped reply; nothing when it was larger than `maxBytes`.
+std::optional<QByteArray> cappedBody(QNetworkReply* reply, qint64 maxBytes)
+{
+    const QByteArray body = reply->read(maxBytes + 1);
+    if (reply->property("tooLarge").toBool() || body.size() > maxBytes)
+        return std::nullopt;
+    return body;
 }
 
 QString cleanAbsolute(const QString& path)
@@ -64,11 +97,19 @@ PluginUpdater::PluginUpdater(QObject* parent)
     : QObject(parent), m_network(new QNetworkAccessManager(this))
 {}
 
-PluginUpdater::~PluginUpdater() = default;
-
-int PluginUpdater::removeOldFiles(const QString& folder)
+PluginUpdater::~PluginUpdater()
 {
-    return vantorelle::removeOldFiles(folder);
+    // Its answer must not reach an updater half gone.
+    if (m_checkReply) {
+        m_checkReply->disconnect(this);
+        m_checkReply->abort();
+    }
+}
+
+int PluginUpdater::tidyInstallFolder(const QString& folder)
+{
+    recoverInterruptedSwap(folder);
+    return removeOldFiles(folder);
 }
 
 void PluginUpdater::setState(State state, const QString& text)
@@ -114,6 +155,8 @@ void PluginUpdater::check(bool userInitiated)
         request(QUrl(m_config.manifestUrl), m_config.requestTimeoutMs);
     manifestRequest.setRawHeader("Accept", "application/json");
     QNetworkReply* reply = m_network->get(manifestRequest);
+    m_checkReply = reply;
+    capReply(reply, MaxManifestBytes);
     connect(reply, &QNetworkReply::finished, this,
             [this, reply, userInitiated] { finishCheck(reply, userInitiated); });
 }
@@ -121,16 +164,55 @@ void PluginUpdater::check(bool userInitiated)
 void PluginUpdater::finishCheck(QNetworkReply* reply, bool userInitiated)
 {
     reply->deleteLater();
-    m_busy = false;
+    const std::optional<QByteArray> manifest = cappedBody(reply, MaxManifestBytes);
     const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    if (!manifest) {
+        m_busy = false;
+        failCheck(QStringLiteral("The update information was not readable."), userInitiated);
+        return;
+    }
     if (reply->error() != QNetworkReply::NoError || status < 200 || status > 299) {
+        m_busy = false;
         failCheck(QStringLiteral("Could not reach the Vantorelle update service. Check your "
                                  "internet connection."),
                   userInitiated);
         return;
     }
+    fetchSignature(*manifest, userInitiated);
+}
+
+// The manifest names the package and its SHA-256, so it counts only when signed by the maker:
+// the transport alone does not vouch for it.
+void PluginUpdater::fetchSignature(const QByteArray& manifest, bool userInitiated)
+{
+    QUrl address(m_config.manifestUrl);
+    const QString path = address.path();
+    address.setPath((path.isEmpty() ? QStringLiteral("/") : path) + QStringLiteral(".sig"));
+    QNetworkReply* reply = m_network->get(request(address, m_config.requestTimeoutMs));
+    m_checkReply = reply;
+    capReply(reply, MaxSignatureBytes);
+    connect(reply, &QNetworkReply::finished, this, [this, reply, manifest, userInitiated] {
+        finishSignature(reply, manifest, userInitiated);
+    });
+}
+
+void PluginUpdater::finishSignature(QNetworkReply* reply, const QByteArray& manifest,
+                                    bool userInitiated)
+{
+    reply->deleteLater();
+    m_busy = false;
+    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    const bool received =
+        reply->error() == QNetworkReply::NoError && status >= 200 && status <= 299;
+    const std::optional<QByteArray> signature = cappedBody(reply, MaxSignatureBytes);
+    if (!received || !signature ||
+        verifyManifestSignature(manifest, *signature, m_config.publicKeys) !=
+            SignatureCheck::Verified) {
+        failCheck(QStringLiteral("The update information could not be verified."), userInitiated);
+        return;
+    }
     m_manifest = parseUpdateManifest(
-        reply->readAll(), {m_config.currentVersion, m_config.obsVersion, m_config.platformKey});
+        manifest, {m_config.currentVersion, m_config.obsVersion, m_config.platformKey});
     if (!m_manifest.ok)
         failCheck(m_manifest.failureText, userInitiated);
     else if (m_manifest.newer)
@@ -213,7 +295,33 @@ void PluginUpdater::startDownload()
     connect(download, &PackageDownload::progressed, this, &PluginUpdater::showProgress);
     download->start(
         request(QUrl(m_manifest.package.url), 2 * m_config.requestTimeoutMs), m_manifest.package,
+        {m_config.maxDownloadBytes, m_config.downloadTimeLimitMs},
         [this](PackageDownload::Outcome outcome) { finishDownload(downloadFailureText(outcome)); });
+}
+
+bool PluginUpdater::canCancel() const
+{
+    return m_download || m_unpacker;
+}
+
+void PluginUpdater::cancel()
+{
+    if (!canCancel())
+        return;
+    // Stopped now, deleted later: this may run inside one of their own signals.
+    if (m_download) {
+        m_download->stop();
+        m_download->deleteLater();
+        m_download.clear();
+    }
+    if (m_unpacker) {
+        m_unpacker->stop();
+        m_unpacker->deleteLater();
+        m_unpacker.clear();
+    }
+    removeWorkFiles();
+    m_busy = false;
+    setState(Available, QStringLiteral("Version %1 is available.").arg(m_manifest.version));
 }
 
 void PluginUpdater::showProgress(int percent)
@@ -227,11 +335,11 @@ void PluginUpdater::finishDownload(const QString& failureText)
     // Still inside the transfer's own signal: let it return before the object goes.
     if (m_download)
         m_download->deleteLater();
+    m_download.clear();
     if (!failureText.isEmpty()) {
         fail(failureText);
         return;
     }
-    setState(Installing, QStringLiteral("Installing version %1").arg(m_manifest.version));
     unpack();
 }
 
@@ -244,17 +352,24 @@ void PluginUpdater::unpack()
         finishUnpack(unpackFailureText(ArchiveUnpacker::Outcome::Failed));
         return;
     }
+    // Observers learn of Installing with the tool already there to cancel, and before the tool
+    // can fail to start.
     m_unpacker = new ArchiveUnpacker(this);
+    setState(Installing, QStringLiteral("Installing version %1").arg(m_manifest.version));
     m_unpacker->start(m_config.archiveTool, stagingPath(QStringLiteral("package.zip")), folder,
-                      m_config.archiveTimeoutMs, [this](ArchiveUnpacker::Outcome outcome) {
-                          finishUnpack(unpackFailureText(outcome));
+                      m_config.archiveTimeoutMs,
+                      {m_config.maxArchiveEntries, m_config.maxUnpackedBytes},
+                      [this](ArchiveUnpacker::Outcome outcome, const QString& refusal) {
+                          finishUnpack(refusal.isEmpty() ? unpackFailureText(outcome) : refusal);
                       });
 }
 
 void PluginUpdater::finishUnpack(const QString& failureText)
 {
+    // Past this point nothing can be cancelled: the swap is next.
     if (m_unpacker)
         m_unpacker->deleteLater();
+    m_unpacker.clear();
     if (failureText.isEmpty())
         installTree();
     else
@@ -269,11 +384,20 @@ void PluginUpdater::installTree()
         fail(tree.failureText);
         return;
     }
+    SwapOptions options;
+    options.isBusy = m_config.isBusy;
+    options.isWritable = m_config.swapWritable;
+    options.fileByFile = m_config.fileByFile;
+    options.moduleRelativePath = m_config.moduleRelativePath;
+    options.afterStep = m_config.afterSwapStep;
     const SwapResult swap = swapTree(tree.root, cleanAbsolute(m_config.installFolder),
-                                     stagingPath(QStringLiteral("previous")), m_config.isBusy);
+                                     stagingPath(QStringLiteral("previous")), options);
     if (!swap.ok) {
-        fail(QStringLiteral("The update could not be installed (%1). The current version was "
-                            "left in place.")
+        fail((swap.restored ? QStringLiteral("The update could not be installed (%1). The current "
+                                             "version was left in place.")
+                            : QStringLiteral("The update could not be installed (%1), and the "
+                                             "current version could not be fully restored. "
+                                             "Restart OBS to finish restoring it."))
                  .arg(swap.reason));
         return;
     }

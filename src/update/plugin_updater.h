@@ -50,6 +50,13 @@ public:
     // Downloads and installs the available update; ignored while anything is under way, in any
     // state but Available and Failed, and when no valid package is known.
     void install();
+    // Stops a download, or the archive tool before the swap begins, removes the work files and
+    // offers the same update again; ignored at any other time.
+    void cancel();
+    // Whether cancel() would stop something now.
+    bool canCancel() const;
+    // A newer package for this computer is known, so Install can be tried (again).
+    bool hasPackage() const;
     // Whether this copy may replace its own files (not so for an all-users installation).
     bool canSelfUpdate() const;
 
@@ -60,8 +67,9 @@ public:
     // The last manifest read: version, release date and notes for the banner.
     const UpdateManifest& manifest() const { return m_manifest; }
 
-    // Deletes every "*.old" file below `folder`, left by an earlier update; returns how many.
-    static int removeOldFiles(const QString& folder);
+    // Run at start-up: finishes or undoes a swap of `folder` that a crash interrupted, then
+    // deletes every "*.old" file an earlier update left below it; returns how many.
+    static int tidyInstallFolder(const QString& folder);
 
 Q_SIGNALS:
     void stateChanged();
@@ -70,8 +78,9 @@ private:
     void setState(State state, const QString& text);
     QNetworkRequest request(const QUrl& url, int timeoutMs) const;
     void finishCheck(QNetworkReply* reply, bool userInitiated);
+    void fetchSignature(const QByteArray& manifest, bool userInitiated);
+    void finishSignature(QNetworkReply* reply, const QByteArray& manifest, bool userInitiated);
     void failCheck(const QString& text, bool userInitiated);
-    bool hasPackage() const;
     bool prepareStagingFolder();
     void startDownload();
     void showProgress(int percent);
@@ -85,6 +94,8 @@ private:
 
     UpdaterConfig m_config;
     QNetworkAccessManager* m_network;
+    // The manifest or its signature, while on the way.
+    QPointer<QNetworkReply> m_checkReply;
     QPointer<PackageDownload> m_download;
     QPointer<ArchiveUnpacker> m_unpacker;
     State m_state = Idle;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "manifest_signature.h"
 #include "update_platform.h"
 #include "version.h"
 
@@ -20,6 +21,8 @@ struct UpdaterConfig
     // Transfer time-out of the manifest request; the package download gets twice as long.
     int requestTimeoutMs = DefaultRequestTimeoutMs;
     QString manifestUrl = QStringLiteral(VANTORELLE_UPDATE_URL);
+    // PEM public keys a manifest's signature may verify with; none verifies: no manifest is used.
+    QList<QByteArray> publicKeys = {builtInUpdatePublicKey()};
     QString currentVersion = pluginVersion();
     QString platformKey = platformPackageKey();
     // Shown when this copy cannot update itself; may be empty.
@@ -34,10 +37,24 @@ struct UpdaterConfig
     QString archiveTool = defaultArchiveTool();
     // The archive tool is killed after this long and the package counts as not unpackable.
     int archiveTimeoutMs = DefaultArchiveTimeoutMs;
+    // The whole package download is stopped after this long, however steadily bytes arrive.
+    int downloadTimeLimitMs = 10 * 60 * 1000;
+    // A package whose manifest gives no size is discarded once it grows past this.
+    qint64 maxDownloadBytes = 200LL * 1024 * 1024;
+    // The archive's listing is refused beyond this many entries or bytes unpacked.
+    qsizetype maxArchiveEntries = 10000;
+    qint64 maxUnpackedBytes = 500LL * 1024 * 1024;
     PathPredicate isWritable = isWritablePath;
     // Files held open by a running program: they can be moved aside but neither removed nor
     // overwritten, and a folder holding one cannot be renamed. Empty: the file system decides.
     PathPredicate isBusy;
+    // Replace file by file even where the whole folder could move.
+    bool fileByFile = false;
+    // Folders the swap may write into (a seam for failures half-way); empty: the file system
+    // decides.
+    PathPredicate swapWritable;
+    // Called after every change on disk during the swap (a seam to stop the process there).
+    std::function<void()> afterSwapStep;
 };
 
 } // namespace vantorelle

@@ -23,9 +23,25 @@ void writePluginTree(const QString& root, const QString& version)
 
 } // namespace
 
+QByteArray makeSigningKey(const QString& privatePath, const QString& curve)
+{
+    if (QProcess::execute(
+            "openssl", {"ecparam", "-name", curve, "-genkey", "-noout", "-out", privatePath}) != 0)
+        return {};
+    QProcess openssl;
+    openssl.start("openssl", {"ec", "-in", privatePath, "-pubout"});
+    if (!openssl.waitForFinished() || openssl.exitCode() != 0)
+        return {};
+    return openssl.readAllStandardOutput();
+}
+
 UpdaterSandbox::UpdaterSandbox()
 {
     writePluginTree(root(), QStringLiteral("1.0.1"));
+    m_publicKey = makeSigningKey(signingKey());
+    writeFile(publicKeyFile(), m_publicKey);
+    if (m_publicKey.isEmpty())
+        qWarning("openssl could not make a signing key in %s", qPrintable(m_dir.path()));
 }
 
 UpdaterConfig UpdaterSandbox::config(const QUrl& manifestUrl) const
@@ -33,6 +49,7 @@ UpdaterConfig UpdaterSandbox::config(const QUrl& manifestUrl) const
     UpdaterConfig config;
     config.requestTimeoutMs = 3000;
     config.manifestUrl = manifestUrl.toString();
+    config.publicKeys = {m_publicKey};
     config.currentVersion = QStringLiteral("1.0.1");
     config.downloadPage = QStringLiteral("https://example.com/obs");
     config.obsVersion = QStringLiteral("30.2.3");

@@ -212,6 +212,7 @@ void TestDock::updateBanner()
     service.setManifestResponse(sim::HttpResponse::text("down", 500));
     makeDock();
     UpdaterSandbox sandbox;
+    service.setSigningKey(sandbox.signingKey());
     UpdaterConfig config = sandbox.config(service.manifestUrl());
     config.downloadPage = "https://example.com/get";
     m_app->updater().setConfig(config);
@@ -228,6 +229,20 @@ void TestDock::updateBanner()
     QCOMPARE(text("updateDetails"), "Version 1.2.0, released 2026-11-02\nFaster\nFixes");
     QCOMPARE(text("installUpdate") + '|' + text("downloadLink"), "Install|");
     QVERIFY(!red("updateBanner"));
+    // Cancel shows while the download runs; Install comes back after a cancel or a failure.
+    sim::HttpResponse stalled;
+    stalled.stall = true;
+    service.setPackageResponse("package.zip", stalled);
+    press("installUpdate");
+    QCOMPARE(text("installUpdate") + '|' + text("cancelUpdate"), "|Cancel");
+    press("cancelUpdate");
+    QCOMPARE(text("updateBanner"), "Version 1.2.0 is available.");
+    QCOMPARE(text("installUpdate") + '|' + text("cancelUpdate"), "Install|");
+    service.setPackageResponse("package.zip", sim::HttpResponse::text("gone", 404));
+    press("installUpdate");
+    QTRY_COMPARE(text("updateBanner"),
+                 "The download did not finish. Check your internet connection and try again.");
+    QCOMPARE(text("installUpdate") + '|' + text("cancelUpdate"), "Install|");
     config.installFolder.clear(); // installed for all users
     m_app->updater().setConfig(config);
     press("checkUpdates");

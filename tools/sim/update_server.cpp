@@ -2,12 +2,14 @@
 
 #include <QCryptographicHash>
 #include <QJsonArray>
+#include <QProcess>
 
 namespace vantorelle::sim {
 
 namespace {
 
 const QString ManifestPath = QStringLiteral("/manifest.json");
+const QString SignaturePath = QStringLiteral("/manifest.json.sig");
 
 QString packagePath(const QString& name)
 {
@@ -36,6 +38,43 @@ void UpdateServer::setManifest(const QJsonObject& manifest)
 void UpdateServer::setManifestResponse(const HttpResponse& response)
 {
     m_http.route("GET", ManifestPath, [response](const HttpRequest&) { return response; });
+    m_manifestBody = response.body;
+    signManifest();
+}
+
+void UpdateServer::setSigningKey(const QString& pemPath)
+{
+    m_signingKey = pemPath;
+    signManifest();
+}
+
+void UpdateServer::signManifest()
+{
+    if (m_signingKey.isEmpty())
+        setSignatureResponse(HttpResponse::text("not signed", 404));
+    else
+        setSignatureResponse(HttpResponse::text(sign(m_manifestBody, m_signingKey), 200,
+                                                "application/octet-stream"));
+}
+
+void UpdateServer::setSignatureResponse(const HttpResponse& response)
+{
+    m_http.route("GET", SignaturePath, [response](const HttpRequest&) { return response; });
+}
+
+QByteArray UpdateServer::sign(const QByteArray& bytes, const QString& pemPath)
+{
+    QProcess openssl;
+    openssl.start(QStringLiteral("openssl"), {QStringLiteral("dgst"), QStringLiteral("-sha256"),
+                                              QStringLiteral("-sign"), pemPath});
+    openssl.write(bytes);
+    openssl.closeWriteChannel();
+    if (!openssl.waitForFinished(10000) || openssl.exitStatus() != QProcess::NormalExit ||
+        openssl.exitCode() != 0) {
+        qWarning("openssl could not sign with %s", qPrintable(pemPath));
+        return {};
+    }
+    return openssl.readAllStandardOutput();
 }
 
 void UpdateServer::setPackage(const QString& name, const QByteArray& bytes)
@@ -74,6 +113,11 @@ QJsonObject UpdateServer::manifestFor(const QString& version, const QString& pla
 int UpdateServer::manifestRequests() const
 {
     return m_http.requestCount("GET", ManifestPath);
+}
+
+int UpdateServer::signatureRequests() const
+{
+    return m_http.requestCount("GET", SignaturePath);
 }
 
 int UpdateServer::packageRequests(const QString& name) const

@@ -10,8 +10,8 @@
 
 namespace vantorelle::sim {
 
-// The maker's update service on 127.0.0.1: one manifest at "/manifest.json" and package files
-// under "/packages/".
+// The maker's update service on 127.0.0.1: one manifest at "/manifest.json", its signature at
+// "/manifest.json.sig" and package files under "/packages/".
 class UpdateServer : public QObject
 {
     Q_OBJECT
@@ -24,6 +24,16 @@ public:
 
     QUrl manifestUrl() const { return m_http.url(QStringLiteral("/manifest.json")); }
     QUrl packageUrl(const QString& name) const;
+
+    // Signs the manifest it serves, now and from now on, with this PEM private key as the maker
+    // does (`openssl dgst -sha256 -sign`, over the exact bytes served). Without a key the
+    // signature is not found.
+    void setSigningKey(const QString& pemPath);
+    // Serves the signature route with any response, until the manifest changes.
+    void setSignatureResponse(const HttpResponse& response);
+    // The signature `openssl dgst -sha256 -sign` makes of `bytes` with the PEM private key at
+    // `pemPath`; empty when that fails.
+    static QByteArray sign(const QByteArray& bytes, const QString& pemPath);
 
     // Serves this manifest from now on.
     void setManifest(const QJsonObject& manifest);
@@ -44,11 +54,16 @@ public:
                                    const QUrl& url, const QByteArray& bytes);
 
     int manifestRequests() const;
+    int signatureRequests() const;
     int packageRequests(const QString& name) const;
     HttpServer& http() { return m_http; }
 
 private:
+    void signManifest();
+
     HttpServer m_http;
+    QString m_signingKey;
+    QByteArray m_manifestBody;
 };
 
 } // namespace vantorelle::sim

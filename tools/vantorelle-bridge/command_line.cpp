@@ -35,6 +35,10 @@ const QList<QCommandLineOption>& allOptions()
         flag("json"),
         valued("timeout", "MS"),
         valued("session", "FILE"),
+        valued("install-dir", "DIR"),
+        valued("manifest", "URL"),
+        valued("staging", "DIR"),
+        flag("file-by-file"),
     };
     return options;
 }
@@ -170,6 +174,25 @@ bool readCall(const QCommandLineParser& parser, const QStringList& rest, CallCom
     return true;
 }
 
+bool readUpdate(const QCommandLineParser& parser, const QStringList& rest, UpdateCommand* update,
+                QString* problem)
+{
+    if (!onlyOptions(parser,
+                     {QStringLiteral("install-dir"), QStringLiteral("manifest"),
+                      QStringLiteral("staging"), QStringLiteral("file-by-file")},
+                     problem))
+        return false;
+    if (!rest.isEmpty() || !parser.isSet(QStringLiteral("install-dir"))) {
+        *problem = QStringLiteral("update takes --install-dir DIR and no arguments");
+        return false;
+    }
+    update->installFolder = parser.value(QStringLiteral("install-dir"));
+    update->manifestUrl = parser.value(QStringLiteral("manifest"));
+    update->stagingFolder = parser.value(QStringLiteral("staging"));
+    update->fileByFile = parser.isSet(QStringLiteral("file-by-file"));
+    return true;
+}
+
 bool readAccount(const QCommandLineParser& parser, const QString& command, const QStringList& rest,
                  CommandLine* line, QString* problem)
 {
@@ -222,6 +245,8 @@ std::optional<CommandLine> parseCommandLine(const QStringList& arguments, QStrin
         ok = readWatch(parser, rest, &line.watch, problem);
     } else if (line.command == QLatin1String("call")) {
         ok = readCall(parser, rest, &line.call, problem);
+    } else if (line.command == QLatin1String("update")) {
+        ok = readUpdate(parser, rest, &line.update, problem);
     } else if (line.command == QLatin1String("signin") ||
                line.command == QLatin1String("signout")) {
         ok = readAccount(parser, line.command, rest, &line, problem);
@@ -243,6 +268,8 @@ QString usageText()
         "                          [--name NAME] [--serve PORT [--allow-network]] [--json]\n"
         "  vantorelle-bridge call (--usb PORT | --lan HOST) --password PW [--timeout MS]\n"
         "                         METHOD [PARAMS_JSON]\n"
+        "  vantorelle-bridge update --install-dir DIR [--manifest URL] [--staging DIR]\n"
+        "                           [--file-by-file]\n"
         "  vantorelle-bridge signin EMAIL [--session FILE]\n"
         "  vantorelle-bridge signout [--session FILE]\n"
         "\n"
@@ -253,6 +280,11 @@ QString usageText()
         "            sentences go to standard error as they change.\n"
         "  call      Sign in to a device, send one request and print its result as compact\n"
         "            JSON. Exits 0 on success, 1 with the failure sentence otherwise.\n"
+        "  update    Update the plug-in installed in DIR (the folder holding bin/ and data/)\n"
+        "            while OBS is closed: first finish or undo a swap a crash interrupted,\n"
+        "            then check, download, verify and install like the dock's Install button.\n"
+        "            Status sentences go to standard output. Exits 0 when up to date or\n"
+        "            installed, 1 with the failure sentence otherwise.\n"
         "  signin    Sign in to the Vantorelle portal and keep the session for watch --cloud.\n"
         "            The password (and the one-time code, when the account asks for one) is\n"
         "            read from the terminal without echo, or one per line from standard input.\n"
@@ -275,6 +307,11 @@ QString usageText()
         "  --timeout MS       How long call waits for the device's answer (default 20000).\n"
         "  --session FILE     The portal session file (default: session.json in the user's\n"
         "                     configuration folder for vantorelle).\n"
+        "  --install-dir DIR  The plug-in folder to update.\n"
+        "  --manifest URL     The update manifest (default: the maker's update service).\n"
+        "  --staging DIR      The updater's working folder (default: DIR.update beside it).\n"
+        "  --file-by-file     Replace the files one by one, as when OBS holds the module,\n"
+        "                     instead of moving the whole folder.\n"
         "  -h, --help         Show this text.\n"
         "\n"
         "Environment:\n"

@@ -44,13 +44,22 @@ struct CallCommand
     int timeoutMs = 20000;
 };
 
-// One parsed command line. `command` is "ports", "watch", "call", "signin", "signout" or
-// "help"; the record of that command is filled in.
+struct UpdateCommand
+{
+    QString installFolder;
+    QString manifestUrl; // empty: the built-in address
+    QString stagingFolder;
+    bool fileByFile = false;
+};
+
+// One parsed command line. `command` is "ports", "watch", "call", "update", "signin", "signout"
+// or "help"; the record of that command is filled in.
 struct CommandLine
 {
     QString command;
     WatchCommand watch;
     CallCommand call;
+    UpdateCommand update;
     QString email;
     QString sessionFile; // empty: the user's configuration folder
 };

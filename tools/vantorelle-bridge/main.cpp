@@ -1,11 +1,13 @@
 // vantorelle-bridge: Vantorelle devices from the command line. Lists serial ports, follows one
 // device's live data (printing it and sharing it with other programs), sends single admin
-// requests and manages the portal sign-in. See usageText() for every command and option.
+// requests, updates the plug-in and manages the portal sign-in. See usageText() for every command
+// and option.
 
 #include "command_line.h"
 #include "console.h"
 #include "device_call.h"
 #include "portal_account.h"
+#include "update.h"
 #include "watch.h"
 
 #include "common/quit_on_signals.h"
@@ -61,6 +63,13 @@ int runCall(QCoreApplication& app, const CommandLine& line)
     return runLoop(app, [&call] { call.start(); });
 }
 
+int runUpdate(QCoreApplication& app, const CommandLine& line)
+{
+    Update update(line.update);
+    QObject::connect(&update, &Update::finished, &app, [&app](int code) { app.exit(code); });
+    return runLoop(app, [&update] { update.start(); });
+}
+
 int runAccount(QCoreApplication& app, const CommandLine& line)
 {
     const QString session = line.sessionFile.isEmpty() ? defaultSessionFile() : line.sessionFile;
@@ -101,5 +110,7 @@ int main(int argc, char* argv[])
         return runWatch(app, *line);
     if (line->command == QLatin1String("call"))
         return runCall(app, *line);
+    if (line->command == QLatin1String("update"))
+        return runUpdate(app, *line);
     return runAccount(app, *line);
 }

@@ -22,6 +22,8 @@ UpdateSection::UpdateSection(PluginUpdater* updater, SettingsStore* settings, QW
     m_details->setTextFormat(Qt::PlainText);
     m_install = new QPushButton(QStringLiteral("Install"));
     m_install->setObjectName(QStringLiteral("installUpdate"));
+    m_cancel = new QPushButton(QStringLiteral("Cancel"));
+    m_cancel->setObjectName(QStringLiteral("cancelUpdate"));
     m_download = wrappedLabel(QStringLiteral("downloadLink"));
     m_download->setOpenExternalLinks(true);
     m_check = new QPushButton(QStringLiteral("Check now"));
@@ -30,12 +32,13 @@ UpdateSection::UpdateSection(PluginUpdater* updater, SettingsStore* settings, QW
     m_autoCheck->setObjectName(QStringLiteral("autoCheckUpdates"));
     m_autoCheck->setChecked(m_settings->autoCheckUpdates());
     m_lastCheck = wrappedLabel(QStringLiteral("lastUpdateCheck"));
-    const QList<QWidget*> rows = {m_banner, m_details,   m_install,  m_download,
-                                  m_check,  m_autoCheck, m_lastCheck};
+    const QList<QWidget*> rows = {m_banner,   m_details, m_install,   m_cancel,
+                                  m_download, m_check,   m_autoCheck, m_lastCheck};
     for (QWidget* widget : rows)
         layout->addWidget(widget);
 
     connect(m_install, &QPushButton::clicked, m_updater, &PluginUpdater::install);
+    connect(m_cancel, &QPushButton::clicked, m_updater, &PluginUpdater::cancel);
     connect(m_check, &QPushButton::clicked, this, [this] { m_updater->check(true); });
     connect(m_autoCheck, &QCheckBox::toggled, this,
             [this](bool enabled) { m_settings->setAutoCheckUpdates(enabled); });
@@ -47,12 +50,16 @@ void UpdateSection::refresh()
 {
     const PluginUpdater::State state = m_updater->state();
     showMessage(m_banner, m_updater->statusText(), state == PluginUpdater::Failed);
-    showAvailable(state == PluginUpdater::Available);
+    // After a failed download or install the same package can be tried again.
+    showAvailable(state == PluginUpdater::Available,
+                  state == PluginUpdater::Available ||
+                      (state == PluginUpdater::Failed && m_updater->hasPackage()));
+    m_cancel->setVisible(m_updater->canCancel());
     m_check->setEnabled(!m_updater->isBusy() && state != PluginUpdater::Installed);
     showLastCheck();
 }
 
-void UpdateSection::showAvailable(bool available)
+void UpdateSection::showAvailable(bool available, bool installable)
 {
     const UpdateManifest& manifest = m_updater->manifest();
     QString details;
@@ -65,7 +72,7 @@ void UpdateSection::showAvailable(bool available)
     }
     showMessage(m_details, details, false);
 
-    const bool selfUpdate = available && m_updater->canSelfUpdate();
+    const bool selfUpdate = installable && m_updater->canSelfUpdate();
     const QString page = m_updater->config().downloadPage;
     m_install->setVisible(selfUpdate);
     const bool link = available && !selfUpdate && !page.isEmpty();

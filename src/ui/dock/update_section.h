@@ -22,7 +22,7 @@ public:
 
 private:
     void refresh();
-    void showAvailable(bool available);
+    void showAvailable(bool available, bool installable);
     void showLastCheck();
 
     PluginUpdater* m_updater;
@@ -30,6 +30,7 @@ private:
     QLabel* m_banner = nullptr;
     QLabel* m_details = nullptr;
     QPushButton* m_install = nullptr;
+    QPushButton* m_cancel = nullptr;
     QLabel* m_download = nullptr;
     QPushButton* m_check = nullptr;
     QCheckBox* m_autoCheck = nullptr;
