@@ -1,6 +1,7 @@
 #include "tls_feed.h"
 
 #include "socket_keepalive.h"
+#include "tls_support.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -84,6 +85,10 @@ void TlsFeed::connectNow()
 {
     if (!m_running)
         return;
+    if (!QSslSocket::supportsSsl()) {
+        stopWithError(noTlsText()); // no attempt can succeed before OBS starts again
+        return;
+    }
     dropSocket();
     m_buffer.clear();
     m_authenticated = false;

@@ -8,6 +8,7 @@
 #include "obs_compat.h"
 #include "obs_scene_actions.h"
 #include "text_source.h"
+#include "tls_support.h"
 #include "version.h"
 #include "wrapped_source.h"
 
@@ -164,6 +165,9 @@ bool obs_module_load(void)
     blog(LOG_INFO, "[vantorelle] loading plugin %s",
          vantorelle::pluginVersion().toUtf8().constData());
 
+    // OBS on Windows ships Qt without a TLS backend: ours lies in the data folder.
+    vantorelle::ensureTlsSupport(
+        takeObsString(obs_find_module_file(obs_current_module(), "qt-plugins")));
     if (!vantorelle::App::instance())
         vantorelle::App::setInstance(new vantorelle::App(appEnvironment()));
     vantorelle::App* app = vantorelle::App::instance();

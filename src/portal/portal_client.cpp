@@ -1,6 +1,7 @@
 #include "portal_client.h"
 
 #include "reply_limit.h"
+#include "tls_support.h"
 #include "version.h"
 
 #include <QDateTime>
@@ -12,6 +13,7 @@
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QSslConfiguration>
+#include <QTimer>
 
 #include <cmath>
 
@@ -313,7 +315,16 @@ void PortalClient::request(const QByteArray& verb, const QString& path,
                            const std::optional<QJsonObject>& body, Callback callback,
                            bool signOutOn401)
 {
-    QNetworkRequest outgoing(QUrl(m_base + path));
+    const QUrl address(m_base + path);
+    if (lacksTlsFor(address)) {
+        // Answered later, as a network answer would be: callers expect that.
+        QTimer::singleShot(0, this, [callback = std::move(callback)] {
+            if (callback)
+                callback({false, 0, {}, QStringLiteral("no_tls"), noTlsText()});
+        });
+        return;
+    }
+    QNetworkRequest outgoing(address);
     outgoing.setHeader(QNetworkRequest::ContentTypeHeader, QByteArrayLiteral("application/json"));
     outgoing.setRawHeader("Accept", "application/json");
     outgoing.setRawHeader("User-Agent", userAgent());

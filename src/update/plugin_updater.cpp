@@ -3,6 +3,8 @@
 #include "archive_unpacker.h"
 #include "manifest_signature.h"
 #include "package_download.h"
+#include "reply_limit.h"
+#include "tls_support.h"
 #include "tree_swap.h"
 #include "unpacked_tree.h"
 
@@ -65,23 +67,12 @@ constexpr qint64 MaxSignatureBytes = 4096;
 // A manifest is a few kilobytes of JSON.
 constexpr qint64 MaxManifestBytes = 1024 * 1024;
 
-// Stops `reply` once it announces or delivers more than `maxBytes`.
-void capReply(QNetworkReply* reply, qint64 maxBytes)
-{
-    QObject::connect(reply, &QNetworkReply::downloadProgress, reply,
-                     [reply, maxBytes](qint64 received, qint64 total) {
-                         if (received > maxBytes || total > maxBytes) {
-                             reply->setProperty("tooLarge", true);
-                             reply->abort();
-                         }
-                     });
-}
-
-// The body of a finished capped reply; nothing when it was larger than `maxBytes`.
+// The body of a finished reply limited by limitReplySize; nothing when it was larger than
+// `maxBytes` (it may have arrived whole before the limit could stop it).
 std::optional<QByteArray> cappedBody(QNetworkReply* reply, qint64 maxBytes)
 {
     const QByteArray body = reply->read(maxBytes + 1);
-    if (reply->property("tooLarge").toBool() || body.size() > maxBytes)
+    if (replyWasTooLarge(reply) || body.size() > maxBytes)
         return std::nullopt;
     return body;
 }
@@ -148,6 +139,10 @@ void PluginUpdater::check(bool userInitiated)
             setState(Failed, QStringLiteral("The update address is not valid."));
         return;
     }
+    if (lacksTlsFor(QUrl(m_config.manifestUrl))) {
+        failCheck(noTlsText(), userInitiated);
+        return;
+    }
     m_busy = true;
     m_manifest = {};
     setState(Checking, QStringLiteral("Checking for updates"));
@@ -156,7 +151,7 @@ void PluginUpdater::check(bool userInitiated)
     manifestRequest.setRawHeader("Accept", "application/json");
     QNetworkReply* reply = m_network->get(manifestRequest);
     m_checkReply = reply;
-    capReply(reply, MaxManifestBytes);
+    limitReplySize(reply, MaxManifestBytes);
     connect(reply, &QNetworkReply::finished, this,
             [this, reply, userInitiated] { finishCheck(reply, userInitiated); });
 }
@@ -190,7 +185,7 @@ void PluginUpdater::fetchSignature(const QByteArray& manifest, bool userInitiate
     address.setPath((path.isEmpty() ? QStringLiteral("/") : path) + QStringLiteral(".sig"));
     QNetworkReply* reply = m_network->get(request(address, m_config.requestTimeoutMs));
     m_checkReply = reply;
-    capReply(reply, MaxSignatureBytes);
+    limitReplySize(reply, MaxSignatureBytes);
     connect(reply, &QNetworkReply::finished, this, [this, reply, manifest, userInitiated] {
         finishSignature(reply, manifest, userInitiated);
     });
@@ -265,6 +260,10 @@ void PluginUpdater::install()
                                         "it cannot update itself. Download and run the installer "
                                         "from %1.")
                              .arg(page));
+        return;
+    }
+    if (lacksTlsFor(QUrl(m_manifest.package.url))) {
+        setState(Failed, noTlsText());
         return;
     }
     if (!prepareStagingFolder()) {
