@@ -4,7 +4,6 @@
 #include <QFile>
 
 #ifdef Q_OS_WIN
-#include <io.h>
 #include <windows.h>
 #else
 #include <cstdio>
@@ -46,11 +45,6 @@ bool exchangeFolders(const QString& first, const QString& second)
     return false;
 }
 
-bool syncFile(QFile& file)
-{
-    return file.flush() && _commit(file.handle()) == 0;
-}
-
 #else
 
 bool replaceFile(const QString& from, const QString& to)
@@ -73,11 +67,6 @@ bool exchangeFolders(const QString& first, const QString& second)
     Q_UNUSED(second);
     return false;
 #endif
-}
-
-bool syncFile(QFile& file)
-{
-    return file.flush() && ::fsync(file.handle()) == 0;
 }
 
 #endif

@@ -2,8 +2,6 @@
 
 #include <QString>
 
-class QFile;
-
 namespace vantorelle {
 
 // File-system moves the swap of the plug-in folder is built from. Each is one call to the
@@ -16,7 +14,5 @@ bool replaceFile(const QString& from, const QString& to);
 bool linkFile(const QString& path, const QString& alias);
 // Swaps two folders in one step. False where the system cannot (then two moves are needed).
 bool exchangeFolders(const QString& first, const QString& second);
-// Writes what `file` holds to the disk before returning.
-bool syncFile(QFile& file);
 
 } // namespace vantorelle

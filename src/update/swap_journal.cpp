@@ -1,9 +1,8 @@
 #include "swap_journal.h"
 
-#include "file_moves.h"
+#include "atomic_file.h"
 
 #include <QDir>
-#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -86,14 +85,8 @@ std::optional<SwapPlan> parseJournal(QByteArrayView bytes)
 
 bool writeJournal(const QString& path, const SwapPlan& plan)
 {
-    const QString part = path + QStringLiteral(".part");
-    QFile file(part);
-    const QByteArray bytes = journalBytes(plan);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) ||
-        file.write(bytes) != bytes.size() || !syncFile(file))
-        return false;
-    file.close();
-    return replaceFile(part, path);
+    // Owner-only, like the settings: it names the plug-in's files.
+    return saveFileAtomically(path, journalBytes(plan));
 }
 
 } // namespace vantorelle

@@ -41,8 +41,7 @@ QByteArray journalBytes(const SwapPlan& plan);
 // relative path that leaves the folder counts as not written by it).
 std::optional<SwapPlan> parseJournal(QByteArrayView bytes);
 
-// Replaces `path` with `bytes` so that a reader sees the old journal or the new one, never a
-// part; the bytes reach the disk before the call returns.
+// Replaces the journal at `path` so that a reader sees the old one or the new one, never a part.
 bool writeJournal(const QString& path, const SwapPlan& plan);
 
 } // namespace vantorelle

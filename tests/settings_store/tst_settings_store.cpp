@@ -7,6 +7,13 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#ifdef Q_OS_WIN
+#include <aclapi.h>
+#include <memory>
+#include <sddl.h>
+#include <windows.h>
+#endif
+
 using namespace vantorelle;
 using namespace vantorelle::test;
 
@@ -149,6 +156,43 @@ private Q_SLOTS:
         store.setServerEnabled(true);
         QCOMPARE(document(m_path), QJsonObject({{"server_port", 9300}, {"server_enabled", true}}));
     }
+#ifdef Q_OS_WIN
+    // A save is readable by its user and the system only, whatever the folder grants.
+    void windowsAccessList()
+    {
+        SettingsStore store;
+        store.load(m_path);
+        store.setServerPort(9100);
+        const std::wstring path = QDir::toNativeSeparators(m_path).toStdWString();
+        PSECURITY_DESCRIPTOR descriptor = nullptr;
+        PACL list = nullptr;
+        const DWORD status =
+            GetNamedSecurityInfoW(path.c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr,
+                                  nullptr, &list, nullptr, &descriptor);
+        if (status == ERROR_CALL_NOT_IMPLEMENTED || (status == ERROR_SUCCESS && !list))
+            QSKIP("this Windows keeps no access lists on this file system (wine without xattrs)");
+        QCOMPARE(status, DWORD(ERROR_SUCCESS));
+        LPWSTR text = nullptr;
+        QVERIFY(ConvertSecurityDescriptorToStringSecurityDescriptorW(
+            descriptor, SDDL_REVISION_1, DACL_SECURITY_INFORMATION, &text, nullptr));
+        const QString sddl = QString::fromWCharArray(text);
+        LocalFree(text);
+        LocalFree(descriptor);
+
+        HANDLE token = nullptr;
+        QVERIFY(OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token));
+        DWORD size = 0;
+        GetTokenInformation(token, TokenUser, nullptr, 0, &size);
+        auto user = std::make_unique<char[]>(size);
+        QVERIFY(GetTokenInformation(token, TokenUser, user.get(), size, &size));
+        CloseHandle(token);
+        LPWSTR sid = nullptr;
+        QVERIFY(ConvertSidToStringSidW(reinterpret_cast<TOKEN_USER*>(user.get())->User.Sid, &sid));
+        const QString me = QString::fromWCharArray(sid);
+        LocalFree(sid);
+        QCOMPARE(sddl, "D:P(A;;FA;;;" + me + ")(A;;FA;;;SY)");
+    }
+#endif
 };
 
 QTEST_GUILESS_MAIN(TestSettingsStore)
