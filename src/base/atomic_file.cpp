@@ -7,11 +7,13 @@
 #ifdef Q_OS_WIN
 #include <QFile>
 
+// sddl.h needs the declarations of windows.h.
+#include <windows.h>
+
 #include <fcntl.h>
 #include <io.h>
 #include <memory>
 #include <sddl.h>
-#include <windows.h>
 #endif
 
 namespace vantorelle {

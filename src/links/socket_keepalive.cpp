@@ -4,8 +4,10 @@
 #include <QVariant>
 
 #ifdef _WIN32
-#include <mstcpip.h>
+// mstcpip.h needs the declarations of winsock2.h.
 #include <winsock2.h>
+
+#include <mstcpip.h>
 #else
 #include <netinet/in.h>
 #include <netinet/tcp.h>

@@ -11,17 +11,46 @@
 #include <QPointer>
 #include <QWidget>
 
+#ifdef _WIN32
+#include <windows.h>
+#else
+#include <dlfcn.h>
+#endif
+
 namespace vantorelle::compat {
 
 namespace {
 
-config_t* appConfig()
+// A front-end call looked up by name in the running OBS, or nullptr when it has none. The module
+// is built against the oldest OBS it supports and loads in newer ones, so a call that came or
+// went since then must not be linked: a missing import would keep the module from loading.
+void* frontendCall(const char* name)
 {
-#if LIBOBS_API_VER >= MAKE_SEMANTIC_VERSION(31, 0, 0)
-    return obs_frontend_get_app_config();
+#ifdef _WIN32
+    const HMODULE frontend = GetModuleHandleW(L"obs-frontend-api.dll");
+    return frontend ? reinterpret_cast<void*>(GetProcAddress(frontend, name)) : nullptr;
 #else
-    return obs_frontend_get_global_config();
+    Dl_info library{};
+    if (!dladdr(reinterpret_cast<void*>(&obs_frontend_add_event_callback), &library))
+        return nullptr;
+    void* frontend = dlopen(library.dli_fname, RTLD_LAZY | RTLD_NOLOAD);
+    if (!frontend)
+        return nullptr;
+    void* call = dlsym(frontend, name);
+    dlclose(frontend);
+    return call;
 #endif
+}
+
+// Where the front end keeps its window layout: the user's configuration from OBS 31 on, the
+// global one before (OBS 31 deprecated the call that reads it). nullptr when it cannot be read.
+config_t* layoutConfig()
+{
+    const bool userConfig = obs_get_version() >= MAKE_SEMANTIC_VERSION(31, 0, 0);
+    using ConfigCall = config_t* (*)();
+    const auto call = reinterpret_cast<ConfigCall>(frontendCall(
+        userConfig ? "obs_frontend_get_user_config" : "obs_frontend_get_global_config"));
+    return call ? call() : nullptr;
 }
 
 // OBS lays out a fresh configuration's docks itself and hides those of plug-ins; the first run
@@ -33,8 +62,9 @@ void onFrontendEvent(enum obs_frontend_event event, void*) noexcept
     guardCallback("front-end event", [event] {
         if (event != OBS_FRONTEND_EVENT_FINISHED_LOADING || !s_firstRunDock)
             return;
-        config_t* config = appConfig();
-        if (config && config_get_string(config, "BasicWindow", "DockState"))
+        // Without the configuration a first run cannot be told apart: leave the layout to OBS.
+        config_t* config = layoutConfig();
+        if (!config || config_get_string(config, "BasicWindow", "DockState"))
             return;
         for (QWidget* w = s_firstRunDock; w; w = w->parentWidget()) {
             if (auto* dock = qobject_cast<QDockWidget*>(w)) {

@@ -13,9 +13,11 @@
 #include <optional>
 #include <utility>
 
+#ifndef Q_OS_WIN
 #include <fcntl.h>
 #include <termios.h>
 #include <unistd.h>
+#endif
 
 namespace vantorelle::sim {
 
@@ -44,6 +46,29 @@ QString generateReceiverKey()
     return groups.join(QLatin1Char('-'));
 }
 
+#ifdef Q_OS_WIN
+
+// Windows has no pseudo-terminals: a serial port there is a driver's device, which a program
+// cannot play, so the simulated device does not start (start() returns false).
+int openTerminal(QString*)
+{
+    return -1;
+}
+
+qint64 readTerminal(int, char*, qint64)
+{
+    return -1;
+}
+
+qint64 writeTerminal(int, const char*, qint64)
+{
+    return -1;
+}
+
+void closeTerminal(int) {}
+
+#else
+
 // Opens the slave once to make the line raw before anyone else does: in the default cooked
 // mode the line discipline would echo what the device sends back to it.
 bool makeRaw(const char* slavePath)
@@ -60,6 +85,43 @@ bool makeRaw(const char* slavePath)
     ::close(slave);
     return ok;
 }
+
+// Opens a new pseudo-terminal in raw mode: its master, non-blocking, and the path of its slave.
+int openTerminal(QString* slavePath)
+{
+    const int master = posix_openpt(O_RDWR | O_NOCTTY);
+    if (master < 0)
+        return -1;
+    char name[128] = {};
+    if (grantpt(master) != 0 || unlockpt(master) != 0 ||
+        ptsname_r(master, name, sizeof name) != 0 || !makeRaw(name)) {
+        ::close(master);
+        return -1;
+    }
+    // With the slave closed again, reads on the master fail with EIO until the computer opens
+    // the port; poll() takes that as "nobody there".
+    fcntl(master, F_SETFL, fcntl(master, F_GETFL) | O_NONBLOCK);
+    fcntl(master, F_SETFD, FD_CLOEXEC);
+    *slavePath = QString::fromLocal8Bit(name);
+    return master;
+}
+
+qint64 readTerminal(int master, char* buffer, qint64 size)
+{
+    return ::read(master, buffer, std::size_t(size));
+}
+
+qint64 writeTerminal(int master, const char* bytes, qint64 size)
+{
+    return ::write(master, bytes, std::size_t(size));
+}
+
+void closeTerminal(int master)
+{
+    ::close(master);
+}
+
+#endif
 
 } // namespace
 
@@ -83,21 +145,12 @@ UsbDevice::~UsbDevice()
 bool UsbDevice::start()
 {
     unplug();
-    const int master = posix_openpt(O_RDWR | O_NOCTTY);
+    QString path;
+    const int master = openTerminal(&path);
     if (master < 0)
         return false;
-    char name[128] = {};
-    if (grantpt(master) != 0 || unlockpt(master) != 0 ||
-        ptsname_r(master, name, sizeof name) != 0 || !makeRaw(name)) {
-        ::close(master);
-        return false;
-    }
-    // With the slave closed again, reads on the master fail with EIO until the computer opens
-    // the port; poll() takes that as "nobody there".
-    fcntl(master, F_SETFL, fcntl(master, F_GETFL) | O_NONBLOCK);
-    fcntl(master, F_SETFD, FD_CLOEXEC);
     m_master = master;
-    m_portPath = QString::fromLocal8Bit(name);
+    m_portPath = path;
     m_decoder.clear();
     m_reassembler.reset();
     m_output.clear();
@@ -114,7 +167,7 @@ void UsbDevice::unplug()
 void UsbDevice::closeMaster()
 {
     if (m_master >= 0)
-        ::close(std::exchange(m_master, -1));
+        closeTerminal(std::exchange(m_master, -1));
     m_output.clear();
 }
 
@@ -195,8 +248,8 @@ void UsbDevice::flushOutput()
 {
     qsizetype sent = 0;
     while (m_master >= 0 && sent < m_output.size()) {
-        const ssize_t written =
-            ::write(m_master, m_output.constData() + sent, std::size_t(m_output.size() - sent));
+        const qint64 written =
+            writeTerminal(m_master, m_output.constData() + sent, m_output.size() - sent);
         if (written <= 0)
             break; // full (EAGAIN) or nobody there: the next poll tries again
         sent += written;
@@ -217,7 +270,7 @@ void UsbDevice::readMaster()
     QByteArray incoming;
     char buffer[4096];
     while (m_master >= 0) {
-        const ssize_t got = ::read(m_master, buffer, sizeof buffer);
+        const qint64 got = readTerminal(m_master, buffer, sizeof buffer);
         if (got <= 0)
             break; // EAGAIN: nothing more; EIO: the port is not open on the other side
         incoming.append(buffer, got);

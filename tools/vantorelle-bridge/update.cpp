@@ -5,7 +5,11 @@
 
 #include <QDir>
 
+#ifdef Q_OS_WIN
+#include <windows.h>
+#else
 #include <csignal>
+#endif
 
 namespace vantorelle::bridge {
 
@@ -20,8 +24,13 @@ std::function<void()> stepKiller()
     if (!ok || stopAt < 1)
         return {};
     return [stopAt, steps = 0]() mutable {
-        if (++steps == stopAt)
+        if (++steps == stopAt) {
+#ifdef Q_OS_WIN
+            TerminateProcess(GetCurrentProcess(), 9); // as hard as SIGKILL: nothing runs after it
+#else
             std::raise(SIGKILL);
+#endif
+        }
     };
 }
 
