@@ -3,6 +3,7 @@
 #include "app.h"
 #include "cloud_relay.h"
 #include "common/app_support.h"
+#include "common/test_support.h"
 #include "device_session.h"
 #include "log.h"
 #include "sim/feed_server.h"
@@ -12,6 +13,7 @@
 
 #include <QJsonDocument>
 #include <QSignalSpy>
+#include <QTcpServer>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -77,7 +79,11 @@ private Q_SLOTS:
         m_log.clear();
         setLogSink([this](LogLevel, const QString& line) { m_log << line; });
     }
-    void cleanup() { setLogSink({}); }
+    void cleanup()
+    {
+        setLogSink({});
+        qunsetenv("VANTORELLE_FEED_PORT");
+    }
     void signInAndSelectionRestored()
     {
         auto app = makeApp({{"selected_device", "dev-9"}});
@@ -106,6 +112,11 @@ private Q_SLOTS:
     {
         m_portal->addDevice(kEmail, {"dev-2", ""});
         m_portal->setLiveData("dev-1", "hockey", {{"home_score", 3}});
+        // A feed port that takes connections and never answers: a network route stays
+        // "Connecting" (a closed port may refuse before the route is even chosen).
+        QTcpServer silentFeed;
+        QVERIFY(silentFeed.listen(QHostAddress::LocalHost));
+        qputenv("VANTORELLE_FEED_PORT", QByteArray::number(silentFeed.serverPort()));
         auto app = makeApp(
             {{"lan", kLan}, {"routes", object(R"({"dev-1":"lan","dev-2":"lan","dev-8":"lan"})")}});
         auto ask = [&](const char* op, const char* request = "{}") { // a sharing-server client
@@ -174,6 +185,7 @@ private Q_SLOTS:
     }
     void lanDeviceStartsWithoutSignIn()
     {
+        VANTORELLE_NEEDS_TLS_SERVER();
         sim::FeedServer feed;
         feed.setExpectedToken("t7");
         QVERIFY(feed.start());
@@ -193,6 +205,7 @@ private Q_SLOTS:
     }
     void setUpDeviceIsFollowed()
     {
+        VANTORELLE_NEEDS_PTY();
         sim::UsbDevice device;
         device.setHelloInfo({{"tunnel", QJsonObject{{"host", "127.0.0.1"}, {"port", 9}}}});
         QVERIFY(device.start());

@@ -17,8 +17,9 @@ namespace {
 struct Bridge
 {
     explicit Bridge(const QStringList& arguments) { process.start(VANTORELLE_BRIDGE, arguments); }
-    QByteArray& out() { return output += process.readAllStandardOutput(); }
-    QByteArray& err() { return errors += process.readAllStandardError(); }
+    // Lines as written; a Windows console program ends them with CR LF.
+    QByteArray& out() { return (output += process.readAllStandardOutput()).replace("\r\n", "\n"); }
+    QByteArray& err() { return (errors += process.readAllStandardError()).replace("\r\n", "\n"); }
     // The exit code, or -1 on a crash or no end.
     int finish()
     {
@@ -40,6 +41,7 @@ class TestBridge : public QObject
 private Q_SLOTS:
     void watchAndCall()
     {
+        VANTORELLE_NEEDS_PTY();
         sim::UsbDevice device;
         device.admin()->setResult("getStatus", {{"marker", "m-17"}});
         QVERIFY(device.start());

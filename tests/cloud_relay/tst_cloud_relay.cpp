@@ -75,6 +75,7 @@ private Q_SLOTS:
     // is over half full instead of overflowing it, and the whole download arrives.
     void downloadBurstWaitsForTheDevice()
     {
+        VANTORELLE_NEEDS_PTY();
         sim::UsbDevice device;
         QVERIFY(device.start());
         qsizetype toDevice = 0;

@@ -1,11 +1,19 @@
 #include "test_support.h"
 
 #include <QDeadlineTimer>
+#include <QDir>
 #include <QFile>
 #include <QJsonDocument>
 #include <QNetworkInterface>
 #include <QTcpServer>
 #include <QTest>
+
+#ifdef Q_OS_WIN
+#include <aclapi.h>
+#include <memory>
+#include <sddl.h>
+#include <windows.h>
+#endif
 
 namespace vantorelle::test {
 
@@ -94,6 +102,72 @@ void writeFile(const QString& path, const QByteArray& bytes)
     QFile file(path);
     if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
         file.write(bytes);
+}
+
+ExternalPeers externalPeers()
+{
+    return {qEnvironmentVariable("VANTORELLE_TEST_COM_PORT"),
+            quint16(qEnvironmentVariableIntValue("VANTORELLE_TEST_FEED_PORT")),
+            qEnvironmentVariable("VANTORELLE_TEST_FEED_TOKEN"),
+            qEnvironmentVariable("VANTORELLE_TEST_PORTAL")};
+}
+
+#ifdef Q_OS_WIN
+QString accessList(const QString& file)
+{
+    const std::wstring path = QDir::toNativeSeparators(file).toStdWString();
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    PACL list = nullptr;
+    if (GetNamedSecurityInfoW(path.c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr,
+                              nullptr, &list, nullptr, &descriptor) != ERROR_SUCCESS)
+        return {};
+    LPWSTR text = nullptr;
+    QString sddl;
+    if (ConvertSecurityDescriptorToStringSecurityDescriptorW(
+            descriptor, SDDL_REVISION_1, DACL_SECURITY_INFORMATION, &text, nullptr)) {
+        sddl = QString::fromWCharArray(text);
+        LocalFree(text);
+    }
+    LocalFree(descriptor);
+    return sddl;
+}
+
+QString currentUserSid()
+{
+    HANDLE token = nullptr;
+    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token))
+        return {};
+    DWORD size = 0;
+    GetTokenInformation(token, TokenUser, nullptr, 0, &size);
+    auto user = std::make_unique<char[]>(size);
+    LPWSTR sid = nullptr;
+    QString text;
+    if (GetTokenInformation(token, TokenUser, user.get(), size, &size) &&
+        ConvertSidToStringSidW(reinterpret_cast<TOKEN_USER*>(user.get())->User.Sid, &sid)) {
+        text = QString::fromWCharArray(sid);
+        LocalFree(sid);
+    }
+    CloseHandle(token);
+    return text;
+}
+
+QStringList accessEntries(const QString& file)
+{
+    const QString sddl = accessList(file);
+    QStringList entries = sddl.mid(sddl.indexOf('(')).split(')', Qt::SkipEmptyParts);
+    entries.sort();
+    return entries;
+}
+#endif
+
+bool runningUnderWine()
+{
+#ifdef Q_OS_WIN
+    const HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
+    return ntdll && GetProcAddress(ntdll, "wine_get_version");
+#else
+    return false;
+#endif
 }
 
 } // namespace vantorelle::test

@@ -1,3 +1,4 @@
+#include "common/test_support.h"
 #include "device_session.h"
 #include "http_link.h"
 #include "sim/admin_responder.h"
@@ -134,6 +135,7 @@ private Q_SLOTS:
     }
     void opening()
     {
+        VANTORELLE_NEEDS_PTY();
         QFETCH(QString, password);
         QFETCH(QString, device);
         QFETCH(QList<State>, states);
@@ -173,6 +175,7 @@ private Q_SLOTS:
     // Each operation turns the device's answer into a record; a USB link is never polled.
     void operations()
     {
+        VANTORELLE_NEEDS_PTY();
         Usb bench;
         QVERIFY(bench.signIn());
         S& session = bench.session;
@@ -261,6 +264,7 @@ private Q_SLOTS:
     }
     void restarting()
     {
+        VANTORELLE_NEEDS_PTY();
         QFETCH(QString, method);
         QFETCH(QString, device);
         QFETCH(State, outcome);
@@ -281,6 +285,7 @@ private Q_SLOTS:
     }
     void closeAndLinkLoss()
     {
+        VANTORELLE_NEEDS_PTY();
         Usb bench;
         bench.device.setAnswersAdmin(false);
         bench.session.setPassword("admin");

@@ -154,8 +154,13 @@ private Q_SLOTS:
         QVERIFY(signIn(client).ok);
         const QByteArray saved = test::readFile(m_sessionPath);
         QVERIFY(saved.startsWith("[\"vt_session=") && !saved.contains('\n'));
+#ifdef Q_OS_WIN
+        QCOMPARE(test::accessEntries(m_sessionPath),
+                 QStringList({"(A;;FA;;;" + test::currentUserSid(), "(A;;FA;;;SY"}));
+#else
         QCOMPARE(QFileInfo(m_sessionPath).permissions(),
                  QFile::ReadOwner | QFile::WriteOwner | QFile::ReadUser | QFile::WriteUser);
+#endif
         client.signOut();
         QVERIFY(!client.isSignedIn() && !QFile::exists(m_sessionPath));
         QTRY_COMPARE(m_portal->http().requestCount("POST", "/auth/logout"), 1);

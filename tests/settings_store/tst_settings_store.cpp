@@ -7,13 +7,6 @@
 #include <QTemporaryDir>
 #include <QTest>
 
-#ifdef Q_OS_WIN
-#include <aclapi.h>
-#include <memory>
-#include <sddl.h>
-#include <windows.h>
-#endif
-
 using namespace vantorelle;
 using namespace vantorelle::test;
 
@@ -42,47 +35,6 @@ QJsonObject document(const QString& path)
 }
 
 } // namespace
-
-#ifdef Q_OS_WIN
-// The file's discretionary access list in SDDL; empty when it cannot be read.
-QString accessList(const QString& file)
-{
-    const std::wstring path = QDir::toNativeSeparators(file).toStdWString();
-    PSECURITY_DESCRIPTOR descriptor = nullptr;
-    PACL list = nullptr;
-    if (GetNamedSecurityInfoW(path.c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr,
-                              nullptr, &list, nullptr, &descriptor) != ERROR_SUCCESS)
-        return {};
-    LPWSTR text = nullptr;
-    QString sddl;
-    if (ConvertSecurityDescriptorToStringSecurityDescriptorW(
-            descriptor, SDDL_REVISION_1, DACL_SECURITY_INFORMATION, &text, nullptr)) {
-        sddl = QString::fromWCharArray(text);
-        LocalFree(text);
-    }
-    LocalFree(descriptor);
-    return sddl;
-}
-
-QString currentUserSid()
-{
-    HANDLE token = nullptr;
-    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token))
-        return {};
-    DWORD size = 0;
-    GetTokenInformation(token, TokenUser, nullptr, 0, &size);
-    auto user = std::make_unique<char[]>(size);
-    LPWSTR sid = nullptr;
-    QString text;
-    if (GetTokenInformation(token, TokenUser, user.get(), size, &size) &&
-        ConvertSidToStringSidW(reinterpret_cast<TOKEN_USER*>(user.get())->User.Sid, &sid)) {
-        text = QString::fromWCharArray(sid);
-        LocalFree(sid);
-    }
-    CloseHandle(token);
-    return text;
-}
-#endif
 
 class TestSettingsStore : public QObject
 {
@@ -210,10 +162,9 @@ private Q_SLOTS:
         writeFile(plain, "made without an access list of its own");
         const QString saved = accessList(m_path);
         QVERIFY2(saved != accessList(plain), qPrintable(saved));
-        // Exactly two entries, in any order: full access for this user and for the system.
-        QStringList entries = saved.mid(saved.indexOf('(')).split(')', Qt::SkipEmptyParts);
-        entries.sort();
-        QCOMPARE(entries, QStringList({"(A;;FA;;;" + currentUserSid(), "(A;;FA;;;SY"}));
+        // Exactly two entries: full access for this user and for the system.
+        QCOMPARE(accessEntries(m_path),
+                 QStringList({"(A;;FA;;;" + currentUserSid(), "(A;;FA;;;SY"}));
         // Nothing inherited from the folder may be added later.
         if (!saved.startsWith("D:P"))
             QSKIP(qPrintable("wine keeps no \"protected\" flag on an access list: " + saved));

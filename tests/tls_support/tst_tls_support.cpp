@@ -79,19 +79,26 @@ private Q_SLOTS:
             QVERIFY(QFile::copy(VANTORELLE_QT_PLUGINS "/tls/" + name, plugins + "/tls/" + name));
         QVERIFY(ensureTlsSupport(plugins));
 
+        // Wine's Schannel cannot serve TLS, so under wine both servers run natively outside.
+        const test::ExternalPeers peers = test::externalPeers();
+        QVERIFY2(!test::runningUnderWine() || (peers.feedPort && !peers.portalUrl.isEmpty()),
+                 "under wine the TLS servers come from scripts/wine-test");
         sim::FeedServer server;
         server.setExpectedToken("token");
-        QVERIFY(server.start());
-        TlsFeed feed(TlsFeedSettings{server.serverPort(), 10, 150});
-        feed.start("127.0.0.1", "token");
+        QVERIFY(peers.feedPort || server.start());
+        TlsFeed feed(
+            TlsFeedSettings{peers.feedPort ? peers.feedPort : server.serverPort(), 10, 150});
+        feed.start("127.0.0.1", peers.feedPort ? peers.feedToken : "token");
         QTRY_VERIFY(feed.isAuthenticated());
 
         const QSslCertificate certificate(QByteArray(sim::kFeedCertificatePem), QSsl::Pem);
         sim::PortalServer cloud;
-        QVERIFY(cloud.startTls(certificate, QSslKey(QByteArray(sim::kFeedPrivateKeyPem), QSsl::Ec,
+        QVERIFY(!peers.portalUrl.isEmpty() ||
+                cloud.startTls(certificate, QSslKey(QByteArray(sim::kFeedPrivateKeyPem), QSsl::Ec,
                                                     QSsl::Pem, QSsl::PrivateKey)));
-        QVERIFY(cloud.baseUrl().startsWith("https://"));
-        PortalClient portal(cloud.baseUrl() + "/");
+        const QString base = peers.portalUrl.isEmpty() ? cloud.baseUrl() : peers.portalUrl;
+        QVERIFY(base.startsWith("https://"));
+        PortalClient portal(base + "/");
         portal.addTrustedCertificates({certificate});
         PortalResult answer;
         bool answered = false;

@@ -73,10 +73,10 @@ bool PortalServer::start(quint16 port)
     return m_http.listen(QHostAddress(QHostAddress::LocalHost), port);
 }
 
-bool PortalServer::startTls(const QSslCertificate& certificate, const QSslKey& key)
+bool PortalServer::startTls(const QSslCertificate& certificate, const QSslKey& key, quint16 port)
 {
     m_tls = true;
-    return m_http.listenTls(certificate, key);
+    return m_http.listenTls(certificate, key, QHostAddress(QHostAddress::LocalHost), port);
 }
 
 QString PortalServer::baseUrl() const

@@ -66,7 +66,7 @@ public:
 
     // Listens on 127.0.0.1 at `port`; 0 lets the system choose.
     bool start(quint16 port = 0);
-    bool startTls(const QSslCertificate& certificate, const QSslKey& key);
+    bool startTls(const QSslCertificate& certificate, const QSslKey& key, quint16 port = 0);
     // "http://127.0.0.1:<port>" or "https://...", without a trailing slash.
     QString baseUrl() const;
 

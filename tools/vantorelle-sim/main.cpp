@@ -6,6 +6,7 @@
 
 #include "common/quit_on_signals.h"
 #include "sim/admin_responder.h"
+#include "sim/feed_certificate.h"
 #include "sim/feed_server.h"
 #include "sim/game.h"
 #include "sim/lan_device.h"
@@ -15,6 +16,8 @@
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QRandomGenerator>
+#include <QSslCertificate>
+#include <QSslKey>
 #include <QTextStream>
 
 #include <memory>
@@ -72,6 +75,10 @@ struct Options
         QStringLiteral("Play the cloud portal with one device that follows the game and one "
                        "graphics output.")};
     QCommandLineOption portalPort = portFor("portal-port", "the portal");
+    QCommandLineOption portalTls{
+        QStringLiteral("portal-tls"),
+        QStringLiteral("Serve the portal over HTTPS with the simulated device's self-signed "
+                       "certificate (CN 127.0.0.1).")};
     QCommandLineOption account{
         QStringLiteral("account"),
         QStringLiteral("The portal account (default: demo@example.com:demo)."),
@@ -79,8 +86,8 @@ struct Options
 
     QList<QCommandLineOption> all() const
     {
-        return {interval, sport,    password, usb,    receiver,   silent, lan,
-                httpPort, feedPort, token,    portal, portalPort, account};
+        return {interval, sport,    password, usb,    receiver,   silent,    lan,
+                httpPort, feedPort, token,    portal, portalPort, portalTls, account};
     }
 };
 
@@ -225,7 +232,15 @@ private:
                 m_portal->setLiveData(kPortalDeviceId, m_game->sportName(),
                                       envelope.value(QLatin1String("fields")).toObject());
             });
-        if (!m_portal->start(*port))
+        const bool started =
+            m_parser.isSet(m_options.portalTls)
+                ? m_portal->startTls(
+                      QSslCertificate(QByteArray(sim::kFeedCertificatePem), QSsl::Pem),
+                      QSslKey(QByteArray(sim::kFeedPrivateKeyPem), QSsl::Ec, QSsl::Pem,
+                              QSsl::PrivateKey),
+                      *port)
+                : m_portal->start(*port);
+        if (!started)
             return fail("could not listen for the portal");
         m_out << "portal: " << m_portal->baseUrl() << Qt::endl;
         m_out << "portal device: " << kPortalDeviceId << " (account " << email << ")" << Qt::endl;
