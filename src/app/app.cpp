@@ -68,11 +68,19 @@ App::App(const AppEnvironment& environment, QObject* parent)
     sources.staleAfterMs = m_settings.staleAfterSeconds() * 1000;
     m_sourceManager = new SourceManager(&m_portal, &m_live, sources, this);
 
+    m_fields.restore(m_settings.operatorFields(), m_settings.heldFields());
+    connect(&m_fields, &FieldOverlay::operatorChanged, this, [this] {
+        m_settings.setOperatorFields(m_fields.operatorFields());
+        m_settings.setHeldFields(m_fields.holds());
+    });
+    connect(m_sourceManager, &SourceManager::statusChanged, this, &App::onSourceStatusChanged);
+
     m_server = new HostedServer(&m_live, this);
+    m_server->setSnapshot([this] { return m_fields.toJsonLine(); });
     m_server->setHandler([this](const QString& op, const QJsonObject& request) {
         return handleServerRequest(op, request);
     });
-    connect(&m_live, &LiveData::changed, m_server, &HostedServer::broadcast);
+    connect(&m_fields, &FieldOverlay::changed, m_server, &HostedServer::broadcast);
     connect(m_server, &HostedServer::clientsChanged, this, &App::serverStateChanged);
 
     connect(&m_portal, &PortalClient::signedInChanged, this, &App::onSignedInChanged);
@@ -294,6 +302,32 @@ void App::selectDevice(const QString& id)
         m_sourceManager->useCloud(id, deviceName(id));
 }
 
+void App::reconnect()
+{
+    switch (m_sourceManager->mode()) {
+    case SourceManager::Mode::Cloud:
+    case SourceManager::Mode::Network:
+        selectDevice(m_followed);
+        break;
+    case SourceManager::Mode::Link:
+        if (const auto session = m_sourceManager->session(); session && session->link())
+            session->start(session->link());
+        break;
+    case SourceManager::Mode::None:
+        break;
+    }
+}
+
+// Holds bridge an outage: when the data comes back, they end if the operator chose so.
+void App::onSourceStatusChanged()
+{
+    const bool fresh = m_sourceManager->isLive() && !m_sourceManager->isStale();
+    const bool cameBack = fresh && !m_wasFresh;
+    m_wasFresh = fresh;
+    if (cameBack && m_settings.releaseHoldsWhenLive())
+        m_fields.releaseAll();
+}
+
 QList<DeviceEntry> App::choosableDevices() const
 {
     QList<DeviceEntry> choosable = m_devices;
@@ -440,7 +474,32 @@ QJsonObject App::handleServerRequest(const QString& op, const QJsonObject& reque
         selectDevice(id);
         return {{QStringLiteral("device"), id}};
     }
+    if (op == QLatin1String("hold") || op == QLatin1String("release"))
+        return holdRequest(op, request);
     return {{QStringLiteral("ok"), false}, {QStringLiteral("error"), "unknown_op"}};
+}
+
+// {"op":"hold","field":NAME,"value":TEXT}, {"op":"release","field":NAME} and
+// {"op":"release"} (every hold); the answer lists the holds left.
+QJsonObject App::holdRequest(const QString& op, const QJsonObject& request)
+{
+    const QString field = request.value(QLatin1String("field")).toString();
+    if (op == QLatin1String("hold")) {
+        const QJsonValue value = request.value(QLatin1String("value"));
+        if (!value.isString() && !value.isDouble())
+            return {{QStringLiteral("ok"), false}, {QStringLiteral("error"), "bad_value"}};
+        if (!m_fields.hold(field, LiveData::valueText(value)))
+            return {{QStringLiteral("ok"), false}, {QStringLiteral("error"), "bad_field"}};
+    } else if (request.contains(QLatin1String("field"))) {
+        m_fields.release(field);
+    } else {
+        m_fields.releaseAll();
+    }
+    QJsonObject holds;
+    const QMap<QString, QString> held = m_fields.holds();
+    for (auto it = held.constBegin(); it != held.constEnd(); ++it)
+        holds.insert(it.key(), it.value());
+    return {{QStringLiteral("holds"), holds}};
 }
 
 } // namespace vantorelle

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "field_overlay.h"
 #include "live_data.h"
 #include "plugin_updater.h"
 #include "portal_client.h"
@@ -77,6 +78,8 @@ public:
 
     PortalClient& portal() { return m_portal; }
     LiveData& live() { return m_live; }
+    // What outputs show: the device's fields with the operator's fields and holds over them.
+    FieldOverlay& fields() { return m_fields; }
     SettingsStore& settings() { return m_settings; }
     SourceManager* sourceManager() const { return m_sourceManager; }
     HostedServer* server() const { return m_server; }
@@ -112,6 +115,9 @@ public:
     void followSetUpDevice(const std::shared_ptr<DeviceSession>& session, const QString& name);
     // The name status texts use: the portal nickname, else the network entry's name, else the id.
     QString deviceName(const QString& id) const;
+    // Starts the current route over: the feed reconnects and the cloud polls at once, a USB or
+    // Bluetooth link is opened again.
+    void reconnect();
     // Starts or stops the sharing server as the settings say.
     void applyServerSettings();
     // Answers one request of a sharing-server client.
@@ -139,9 +145,12 @@ private:
     void restoreSelection();
     void restoreSignIn();
     void startLocalDevice();
+    void onSourceStatusChanged();
+    QJsonObject holdRequest(const QString& op, const QJsonObject& request);
 
     PortalClient m_portal;
     LiveData m_live;
+    FieldOverlay m_fields{&m_live};
     SettingsStore m_settings;
     QList<DeviceEntry> m_devices;
     QString m_devicesError;
@@ -156,6 +165,8 @@ private:
     QList<QPointer<CloudRelay>> m_relays;
     // The device last handed to the source manager.
     QString m_followed;
+    // The route was live and fresh at its last status change.
+    bool m_wasFresh = false;
 };
 
 } // namespace vantorelle

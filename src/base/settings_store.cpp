@@ -20,6 +20,9 @@ const char* const kStaleAfter = "stale_after_s";
 const char* const kLastUpdateCheck = "last_update_check";
 const char* const kLastUsbPort = "last_usb_port";
 const char* const kRoutes = "routes";
+const char* const kOperatorFields = "operator_fields";
+const char* const kHeldFields = "held_fields";
+const char* const kReleaseHoldsWhenLive = "release_holds_when_live";
 const char* const kLan = "lan";
 // The values of a `routes` entry.
 const char* const kRouteLan = "lan";
@@ -171,6 +174,55 @@ QString SettingsStore::lastUsbPort() const
 void SettingsStore::setLastUsbPort(const QString& port)
 {
     setValue(kLastUsbPort, port);
+}
+
+QMap<QString, QString> SettingsStore::textMap(const char* key) const
+{
+    QMap<QString, QString> map;
+    const QJsonObject object = m_doc.value(QLatin1String(key)).toObject();
+    for (auto it = object.begin(); it != object.end(); ++it) {
+        if (it->isString())
+            map.insert(it.key(), it->toString());
+    }
+    return map;
+}
+
+void SettingsStore::setTextMap(const char* key, const QMap<QString, QString>& map)
+{
+    QJsonObject object;
+    for (auto it = map.constBegin(); it != map.constEnd(); ++it)
+        object.insert(it.key(), it.value());
+    setValue(key, object);
+}
+
+QMap<QString, QString> SettingsStore::operatorFields() const
+{
+    return textMap(kOperatorFields);
+}
+
+void SettingsStore::setOperatorFields(const QMap<QString, QString>& fields)
+{
+    setTextMap(kOperatorFields, fields);
+}
+
+QMap<QString, QString> SettingsStore::heldFields() const
+{
+    return textMap(kHeldFields);
+}
+
+void SettingsStore::setHeldFields(const QMap<QString, QString>& fields)
+{
+    setTextMap(kHeldFields, fields);
+}
+
+bool SettingsStore::releaseHoldsWhenLive() const
+{
+    return boolValue(kReleaseHoldsWhenLive, true);
+}
+
+void SettingsStore::setReleaseHoldsWhenLive(bool release)
+{
+    setValue(kReleaseHoldsWhenLive, release);
 }
 
 Route SettingsStore::route(const QString& deviceId) const

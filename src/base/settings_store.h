@@ -4,6 +4,7 @@
 
 #include <QByteArray>
 #include <QJsonObject>
+#include <QMap>
 #include <QString>
 
 namespace vantorelle {
@@ -62,6 +63,16 @@ public:
     int staleAfterSeconds() const;
     void setStaleAfterSeconds(int seconds);
 
+    // The operator's own fields and the fields held at a typed value, name to text; entries
+    // that are not text are left out.
+    QMap<QString, QString> operatorFields() const;
+    void setOperatorFields(const QMap<QString, QString>& fields);
+    QMap<QString, QString> heldFields() const;
+    void setHeldFields(const QMap<QString, QString>& fields);
+    // Whether holds end by themselves when the device's data comes back after an outage.
+    bool releaseHoldsWhenLive() const;
+    void setReleaseHoldsWhenLive(bool release);
+
     // Cloud for a device without an entry.
     Route route(const QString& deviceId) const;
     void setRoute(const QString& deviceId, Route route);
@@ -82,6 +93,8 @@ private:
     // A whole number from `lowest` to `highest`; anything else gives `fallback`.
     int wholeValue(const char* key, int lowest, int highest, int fallback) const;
     void setValue(const char* key, const QJsonValue& value);
+    QMap<QString, QString> textMap(const char* key) const;
+    void setTextMap(const char* key, const QMap<QString, QString>& map);
     void setInner(const char* key, const QString& deviceId, const QJsonValue& value);
     void save() const;
 

@@ -214,42 +214,64 @@ void LiveData::setSource(const QString& text)
     Q_EMIT sourceChanged();
 }
 
-QString LiveData::updatedAtText() const
+QMap<QString, QString> LiveData::fields() const
 {
-    return m_updatedAt.isValid() ? m_updatedAt.toUTC().toString(Qt::ISODateWithMs) : QString();
+    QMutexLocker lock(&m_mutex);
+    return m_fields;
 }
 
 QJsonObject LiveData::toJson() const
 {
     QMutexLocker lock(&m_mutex);
-    QJsonObject fields;
-    for (auto it = m_fields.constBegin(); it != m_fields.constEnd(); ++it)
-        fields.insert(it.key(), it.value());
-    return {{QStringLiteral("sport"), m_sport},
-            {QStringLiteral("fields"), fields},
-            {QStringLiteral("source"), m_source},
-            {QStringLiteral("updated_at"), updatedAtText()}};
+    return snapshotObject(m_sport, m_fields, m_source, m_updatedAt);
 }
 
 QByteArray LiveData::toJsonLine() const
 {
     QMutexLocker lock(&m_mutex);
+    return snapshotLine(m_sport, m_fields, m_source, m_updatedAt);
+}
+
+namespace {
+
+QString updatedAtText(const QDateTime& updatedAt)
+{
+    return updatedAt.isValid() ? updatedAt.toUTC().toString(Qt::ISODateWithMs) : QString();
+}
+
+} // namespace
+
+QJsonObject snapshotObject(const QString& sport, const QMap<QString, QString>& fields,
+                           const QString& source, const QDateTime& updatedAt)
+{
+    QJsonObject fieldObject;
+    for (auto it = fields.constBegin(); it != fields.constEnd(); ++it)
+        fieldObject.insert(it.key(), it.value());
+    return {{QStringLiteral("sport"), sport},
+            {QStringLiteral("fields"), fieldObject},
+            {QStringLiteral("source"), source},
+            {QStringLiteral("updated_at"), updatedAtText(updatedAt)}};
+}
+
+QByteArray snapshotLine(const QString& sport, const QMap<QString, QString>& fields,
+                        const QString& source, const QDateTime& updatedAt)
+{
     QByteArray out;
-    out.reserve(64 + m_fields.size() * 32);
+    out.reserve(64 + fields.size() * 32);
     out.append("{\"sport\":");
-    appendJsonString(out, m_sport);
+    appendJsonString(out, sport);
     out.append(",\"fields\":{");
-    for (auto it = m_fields.constBegin(); it != m_fields.constEnd(); ++it) {
-        if (it != m_fields.constBegin())
+    for (auto it = fields.constBegin(); it != fields.constEnd(); ++it) {
+        if (it != fields.constBegin())
             out.append(',');
         appendJsonString(out, it.key());
         out.append(':');
         appendJsonString(out, it.value());
     }
     out.append("},\"source\":");
-    appendJsonString(out, m_source);
+    appendJsonString(out, source);
     out.append(",\"updated_at\":");
-    appendJsonString(out, updatedAtText());
+    appendJsonString(out, updatedAtText(updatedAt));
     out.append("}\n");
     return out;
 }

@@ -26,6 +26,8 @@ public:
 
     QStringList fieldNames() const;
     QString value(const QString& name) const;
+    // Every field at once, by name.
+    QMap<QString, QString> fields() const;
     QString sport() const;
     QString source() const;
     QDateTime updatedAt() const;
@@ -46,13 +48,19 @@ Q_SIGNALS:
     void sourceChanged();
 
 private:
-    QString updatedAtText() const;
-
     mutable QMutex m_mutex;
     QString m_sport;
     QMap<QString, QString> m_fields;
     QString m_source;
     QDateTime m_updatedAt;
 };
+
+// The snapshot of `fields` as one compact JSON line ending in "\n", keys in the order sport,
+// fields, source, updated_at (ISO 8601 UTC with milliseconds, empty when never updated).
+QByteArray snapshotLine(const QString& sport, const QMap<QString, QString>& fields,
+                        const QString& source, const QDateTime& updatedAt);
+// The same snapshot as an object.
+QJsonObject snapshotObject(const QString& sport, const QMap<QString, QString>& fields,
+                           const QString& source, const QDateTime& updatedAt);
 
 } // namespace vantorelle

@@ -1,12 +1,15 @@
 #include "score_template.h"
 
+#include "field_overlay.h"
 #include "live_data.h"
 
 #include <QRegularExpression>
 
 namespace vantorelle {
 
-QString renderScoreTemplate(const QString& templateText, const LiveData* live)
+namespace {
+
+template <typename Fields> QString render(const QString& templateText, const Fields* live)
 {
     static const QRegularExpression placeholder(QStringLiteral("\\{([A-Za-z0-9_]+)\\}"));
 
@@ -25,6 +28,18 @@ QString renderScoreTemplate(const QString& templateText, const LiveData* live)
     }
     out.append(QStringView(templateText).mid(last));
     return out;
+}
+
+} // namespace
+
+QString renderScoreTemplate(const QString& templateText, const LiveData* live)
+{
+    return render(templateText, live);
+}
+
+QString renderScoreTemplate(const QString& templateText, const FieldOverlay* fields)
+{
+    return render(templateText, fields);
 }
 
 } // namespace vantorelle

@@ -4,6 +4,7 @@
 #include "ble_helper_bridge.h"
 #include "dock.h"
 #include "graphics_source.h"
+#include "hotkeys.h"
 #include "log.h"
 #include "obs_compat.h"
 #include "obs_scene_actions.h"
@@ -78,8 +79,38 @@ void procSnapshot(void*, calldata_t* data) noexcept
     vantorelle::guardCallback("vantorelle_get_snapshot", [data] {
         std::lock_guard lock(s_procedureMutex);
         vantorelle::App* app = vantorelle::App::instance();
-        const QByteArray line = app ? app->live().toJsonLine().trimmed() : QByteArray();
+        const QByteArray line = app ? app->fields().toJsonLine().trimmed() : QByteArray();
         calldata_set_string(data, "snapshot", line.constData());
+    });
+}
+
+// Holds a field at a value; false for a name a template cannot use or a value over the cap.
+void procHoldField(void*, calldata_t* data) noexcept
+{
+    vantorelle::guardCallback("vantorelle_hold_field", [data] {
+        const char* field = calldata_string(data, "field");
+        const char* value = calldata_string(data, "value");
+        std::lock_guard lock(s_procedureMutex);
+        vantorelle::App* app = vantorelle::App::instance();
+        calldata_set_bool(data, "accepted",
+                          app && app->fields().hold(QString::fromUtf8(field ? field : ""),
+                                                    QString::fromUtf8(value ? value : "")));
+    });
+}
+
+// Releases one held field, or every one when `field` is empty.
+void procReleaseFields(void*, calldata_t* data) noexcept
+{
+    vantorelle::guardCallback("vantorelle_release_fields", [data] {
+        const char* field = calldata_string(data, "field");
+        std::lock_guard lock(s_procedureMutex);
+        vantorelle::App* app = vantorelle::App::instance();
+        if (!app)
+            return;
+        if (field && *field)
+            app->fields().release(QString::fromUtf8(field));
+        else
+            app->fields().releaseAll();
     });
 }
 
@@ -107,6 +138,12 @@ void registerProcedures()
     proc_handler_add(procs, "void vantorelle_apply_envelope(in string envelope, out bool accepted)",
                      procApplyEnvelope, nullptr);
     proc_handler_add(procs, "void vantorelle_get_snapshot(out string snapshot)", procSnapshot,
+                     nullptr);
+    proc_handler_add(procs,
+                     "void vantorelle_hold_field(in string field, in string value, out bool "
+                     "accepted)",
+                     procHoldField, nullptr);
+    proc_handler_add(procs, "void vantorelle_release_fields(in string field)", procReleaseFields,
                      nullptr);
 }
 
@@ -175,15 +212,17 @@ bool obs_module_load(void)
 
     vantorelle::registerTextSource();
     vantorelle::registerGraphicsSource();
-    QObject::connect(&app->live(), &vantorelle::LiveData::changed, app,
+    QObject::connect(&app->fields(), &vantorelle::FieldOverlay::changed, app,
                      &vantorelle::refreshTextSources);
     registerProcedures();
+    vantorelle::registerHotkeys();
     addDock();
     return true;
 }
 
 void obs_module_unload(void)
 {
+    vantorelle::unregisterHotkeys();
     vantorelle::compat::removeDock(kDockId);
     s_dock.clear();
     vantorelle::BleHelperBridge::instance().shutdown();

@@ -49,10 +49,10 @@ const char* availableTextType()
     return nullptr;
 }
 
-const LiveData* liveData()
+const FieldOverlay* liveData()
 {
     App* app = App::instance();
-    return app ? &app->live() : nullptr;
+    return app ? &app->fields() : nullptr;
 }
 
 // Renders the template of the stored settings into the inner source. Without `force`, an
@@ -133,7 +133,7 @@ void textUpdate(void* data, obs_data_t* settings) noexcept
 
 QString fieldList()
 {
-    const LiveData* live = liveData();
+    const FieldOverlay* live = liveData();
     const QStringList names = live ? live->fieldNames() : QStringList();
     return names.isEmpty() ? QStringLiteral("home_score, away_score, clock, period")
                            : names.join(QStringLiteral(", "));

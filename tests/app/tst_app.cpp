@@ -229,6 +229,54 @@ private Q_SLOTS:
         QCOMPARE(app->relayStatusLines(),
                  QStringList{"Vantorelle 0042: waiting for the paired device"});
     }
+    // Operator fields and holds come back after a restart, sharing clients hold and release, and
+    // holds end when the data comes back after an outage while the setting says so.
+    void operatorFieldsAndHolds()
+    {
+        m_portal->setLiveData("dev-1", "hockey", {{"home_score", 3}, {"away_score", 1}});
+        auto app = makeApp({{"operator_fields", object(R"({"home_name":"Hawks","bad name":"x"})")},
+                            {"held_fields", object(R"({"away_score":"2"})")}});
+        QCOMPARE(app->fields().value("home_name"), "Hawks");
+        QCOMPARE(app->fields().value("away_score"), "2");
+        auto ask = [&](const char* op, const char* request) {
+            return app->handleServerRequest(op, object(request));
+        };
+        QCOMPARE(ask("hold", R"({"field":"home_score","value":5})"),
+                 object(R"({"holds":{"away_score":"2","home_score":"5"}})"));
+        QCOMPARE(ask("hold", R"({"field":"home score","value":"5"})"),
+                 object(R"({"ok":false,"error":"bad_field"})"));
+        QCOMPARE(ask("hold", R"({"field":"home_score"})"),
+                 object(R"({"ok":false,"error":"bad_value"})"));
+        QCOMPARE(ask("release", R"({"field":"home_score"})"),
+                 object(R"({"holds":{"away_score":"2"}})"));
+        const QJsonObject saved =
+            QJsonDocument::fromJson(test::readFile(m_dir.filePath("settings.json"))).object();
+        QCOMPARE(saved["operator_fields"].toObject(), object(R"({"home_name":"Hawks"})"));
+        QCOMPARE(saved["held_fields"].toObject(), object(R"({"away_score":"2"})"));
+
+        // The data arrives: the hold from before the restart ends; one made while live stays.
+        signIn(*app);
+        QTRY_VERIFY(app->sourceManager()->isLive());
+        QVERIFY(app->fields().holds().isEmpty());
+        QCOMPARE(app->fields().value("away_score"), "1");
+        QVERIFY(app->fields().hold("away_score", "4"));
+        app->sourceManager()->pollCloud();
+        auto outageAndBack = [&] {
+            m_portal->fail("/devices/dev-1/state", 500);
+            app->sourceManager()->pollCloud();
+            QTRY_VERIFY(!app->sourceManager()->isLive());
+            QCOMPARE(app->fields().value("away_score"), "4");
+            m_portal->clearFailure("/devices/dev-1/state");
+            app->sourceManager()->pollCloud();
+            QTRY_VERIFY(app->sourceManager()->isLive());
+        };
+        outageAndBack();
+        QVERIFY(app->fields().holds().isEmpty());
+        app->settings().setReleaseHoldsWhenLive(false);
+        QVERIFY(app->fields().hold("away_score", "4"));
+        outageAndBack();
+        QCOMPARE(app->fields().value("away_score"), "4");
+    }
     void outputsRefresh()
     {
         auto app = makeApp();

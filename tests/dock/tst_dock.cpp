@@ -21,6 +21,8 @@
 #include <QTabWidget>
 #include <QTcpServer>
 #include <QTemporaryDir>
+#include <QTimer>
+#include <QTreeWidget>
 
 using namespace vantorelle;
 using namespace vantorelle::test;
@@ -57,6 +59,7 @@ private Q_SLOTS:
     }
     void signIn();
     void devicesAndRoutes();
+    void livePanel();
     void updateBanner();
     void otherSections();
     void manageDialog_data();
@@ -251,6 +254,59 @@ void TestDock::updateBanner()
 }
 
 // The sharing server's port and state; the scene section; the setup wizard opens from the dock.
+// What is on air, the operator's own fields and holds, and the stale state as soon as the route
+// reports it; the clock runs only while the dock is shown.
+void TestDock::livePanel()
+{
+    makeDock({{"operator_fields", QJsonObject{{"sponsor", "Acme"}}},
+              {"routes", QJsonObject{{"court-1", "cloud"}}}});
+    auto* table = child<QTreeWidget>(root(), "liveFields");
+    auto rows = [table] {
+        QStringList lines;
+        for (int i = 0; i < table->topLevelItemCount(); ++i) {
+            const QTreeWidgetItem* item = table->topLevelItem(i);
+            lines << QStringList{item->text(0), item->text(1), item->text(2)}.join('|');
+        }
+        return lines;
+    };
+    QCOMPARE(text("liveAge"), "No device chosen.");
+    QCOMPARE(rows(), QStringList{"sponsor|Acme|yours"});
+    type({{"email", kEmail}, {"password", kPassword}});
+    press("signIn");
+    QTRY_VERIFY(items("deviceList").contains("Court 1 (court-1)"));
+    m_app->chooseRoute("court-1", Route::Cloud);
+    QTRY_COMPARE(rows(), QStringList({"home_score|2|", "sponsor|Acme|yours"}));
+    QCOMPARE(text("liveAge"), "Updated just now.");
+
+    type({{"fieldName", "home_score"}, {"fieldValue", "5"}});
+    press("holdButton");
+    QCOMPARE(m_app->fields().value("home_score"), "5");
+    QCOMPARE(rows().first(), "home_score|5|held (underneath: 2)");
+    QVERIFY(!child(root(), "releaseButton")->isEnabled()); // nothing selected
+    table->setCurrentItem(table->topLevelItem(0));
+    press("releaseButton");
+    QCOMPARE(rows().first(), "home_score|2|");
+    type({{"fieldName", "home team"}, {"fieldValue", "Hawks"}});
+    press("setFieldButton");
+    QVERIFY(red("fieldsMessage"));
+    QCOMPARE(rows().size(), 2);
+    table->setCurrentItem(table->topLevelItem(1));
+    QCOMPARE(text("fieldName") + "=" + text("fieldValue"), "sponsor=Acme");
+    press("removeFieldButton");
+    QCOMPARE(rows(), QStringList{"home_score|2|"});
+
+    m_app->sourceManager()->setStaleAfterMs(1);
+    QTRY_VERIFY(m_app->sourceManager()->isStale());
+    QVERIFY2(text("liveAge").startsWith("STALE: no data for "), qPrintable(text("liveAge")));
+    QVERIFY(red("liveAge"));
+    auto* clock = m_dock->findChild<QTimer*>("liveClock");
+    QVERIFY(clock && clock->isActive());
+    m_dock->hide();
+    QVERIFY(!clock->isActive());
+    m_dock->show();
+    QVERIFY(clock->isActive());
+}
+
 void TestDock::otherSections()
 {
     struct : SceneActions

@@ -1,4 +1,5 @@
 #include "common/live_data_support.h"
+#include "field_overlay.h"
 #include "live_data.h"
 
 #include <QSignalSpy>
@@ -146,6 +147,78 @@ private Q_SLOTS:
         QCOMPARE(live.toJsonLine().left(escaped.size() + 9), "{\"sport\":" + escaped);
         QCOMPARE(jsonObject(live.toJsonLine()), live.toJson());
         QCOMPARE(live.value(text), text);
+    }
+    // The operator's fields lie over the device's and holds over both; the device's data goes
+    // on underneath and shows again when a hold ends. Signals only when what is shown changes.
+    void operatorFieldsAndHolds()
+    {
+        LiveData live;
+        QVERIFY(live.apply(jsonObject(jsonText("{'sport':'hockey','fields':{'home_score':1,"
+                                               "'away_score':2,'home_name':'HOME'}}"))));
+        FieldOverlay shown(&live);
+        QSignalSpy names(&shown, &FieldOverlay::fieldsChanged);
+        QSignalSpy changed(&shown, &FieldOverlay::changed);
+        QSignalSpy saved(&shown, &FieldOverlay::operatorChanged);
+
+        QVERIFY(shown.setField("home_name", "Harbor Hawks"));
+        QVERIFY(shown.setField("sponsor", "Acme Tools"));
+        QVERIFY(shown.hold("away_score", "3"));
+        QCOMPARE(names.count(), 3);
+        QCOMPARE(names[2][0].toStringList(), QStringList{"away_score"});
+        QCOMPARE(saved.count(), 3);
+        const QByteArray head =
+            jsonText("{'sport':'hockey','fields':{'away_score':'3','home_name':"
+                     "'Harbor Hawks','home_score':'1','sponsor':'Acme Tools'},");
+        QCOMPARE(shown.toJsonLine().left(head.size()), head);
+        QCOMPARE(live.value("home_name"), "HOME"); // the device's own data stays apart
+
+        // The device changes the held field and another one: only the other one is news.
+        QVERIFY(live.apply(jsonObject(jsonText("{'fields':{'away_score':5,'home_score':4}}"))));
+        QCOMPARE(names.count(), 4);
+        QCOMPARE(names[3][0].toStringList(), QStringList{"home_score"});
+        QVERIFY(live.apply(jsonObject(jsonText("{'fields':{'away_score':6}}"))));
+        QCOMPARE(changed.count(), 4);
+        QCOMPARE(shown.value("away_score"), "3");
+        QVERIFY(shown.isHeld("away_score"));
+        shown.release("away_score");
+        QCOMPARE(shown.value("away_score"), "6");
+        QCOMPARE(names.count(), 5);
+        QVERIFY(live.apply(jsonObject(jsonText("{'sport':'basketball'}")))); // sport alone
+        QCOMPARE(changed.count(), 6);
+
+        // Holding a value the field shows anyway, or setting a field again: nothing to show.
+        QVERIFY(shown.hold("home_score", "4"));
+        QVERIFY(shown.setField("sponsor", "Acme Tools"));
+        QCOMPARE(changed.count(), 6);
+        QCOMPARE(saved.count(), 5);
+        shown.releaseAll();
+        shown.releaseAll();
+        QCOMPARE(saved.count(), 6);
+        shown.removeField("home_name"); // the device's value comes back
+        QCOMPARE(shown.value("home_name"), "HOME");
+        shown.removeField("sponsor"); // gone altogether: every name may have changed
+        QCOMPARE(names.last()[0].toStringList(), QStringList());
+        QCOMPARE(shown.fieldNames(), QStringList({"away_score", "home_name", "home_score"}));
+        QCOMPARE(saved.count(), 8);
+    }
+    void operatorLimits()
+    {
+        LiveData live;
+        FieldOverlay shown(&live);
+        for (const QString& bad : QStringList{"", "home score", "h\u00e9", "{x}", QString(65, 'a')})
+            QVERIFY2(!shown.setField(bad, "1") && !shown.hold(bad, "1"), qPrintable(bad));
+        QVERIFY(shown.setField(QString(64, 'a'), QString(1000, 'x')));
+        QVERIFY(!shown.setField("long", QString(1001, 'x')));
+        QMap<QString, QString> many;
+        for (int i = 0; i < 150; ++i)
+            many.insert(QString("f%1").arg(i, 3, 10, QChar('0')), "v");
+        many.insert("bad name", "v");
+        shown.restore(many, {{"away_score", QString(1001, 'x')}, {"home_score", "2"}});
+        QCOMPARE(shown.operatorFields().size(), 100);
+        QCOMPARE(shown.operatorFields().lastKey(), "f099");
+        QCOMPARE(shown.holds(), (QMap<QString, QString>{{"home_score", "2"}}));
+        QVERIFY(!shown.setField("f100", "v"));
+        QVERIFY(shown.setField("f099", "changed")); // an existing one may change
     }
     // Worker threads apply envelopes while this thread reads; the notifications arrive queued.
     void concurrentApplyAndRead()

@@ -139,6 +139,29 @@ bool applyEnvelope(const char* json)
     return callProcedure("vantorelle_apply_envelope", json) == "accepted";
 }
 
+// Holds a field at a value through the plug-in's procedure; true when accepted.
+bool holdField(const char* field, const char* value)
+{
+    calldata_t data;
+    calldata_init(&data);
+    calldata_set_string(&data, "field", field);
+    calldata_set_string(&data, "value", value);
+    proc_handler_call(obs_get_proc_handler(), "vantorelle_hold_field", &data);
+    const bool accepted = calldata_bool(&data, "accepted");
+    calldata_free(&data);
+    return accepted;
+}
+
+// Releases one held field, or all of them for "".
+void releaseFields(const char* field)
+{
+    calldata_t data;
+    calldata_init(&data);
+    calldata_set_string(&data, "field", field);
+    proc_handler_call(obs_get_proc_handler(), "vantorelle_release_fields", &data);
+    calldata_free(&data);
+}
+
 Properties propertiesOf(const char* type)
 {
     return {obs_get_source_properties(type), obs_properties_destroy};
@@ -339,6 +362,32 @@ private Q_SLOTS:
         const QString hintText = obs_property_description(hint); // lists the fields that came
         QVERIFY2(hintText.contains("r_away, r_clock, r_home"), qPrintable(hintText));
         QCOMPARE(QString(obs_property_long_description(templ)), hintText);
+    }
+
+    // A held field is in the text source's text when the hold returns, so the next video frame
+    // shows it; the device's changes to it wait underneath until it is released.
+    void heldFieldOnAir()
+    {
+        if (m_degraded)
+            QSKIP("needs the FreeType text source");
+        QVERIFY(applyEnvelope(R"({"fields":{"h_home":1,"h_away":2}})"));
+        obs_source_t* inner = nullptr;
+        OBSSourceAutoRelease score = createWrapped(
+            "vantorelle_text", {{"template", "{h_home}-{h_away}"}}, "text_ft2_source_v2", &inner);
+        QVERIFY(inner);
+        QTRY_VERIFY(obs_source_get_width(score) > 0);
+        const uint32_t width = obs_source_get_width(score);
+        QVERIFY(holdField("h_home", "10"));
+        QCOMPARE(settingsOf(inner)["text"].toString(), "10-2");
+        QTRY_VERIFY(obs_source_get_width(score) > width); // drawn on the next video tick
+        QVERIFY(applyEnvelope(R"({"fields":{"h_home":3,"h_away":4}})"));
+        QCOMPARE(settingsOf(inner)["text"].toString(), "10-4");
+        QVERIFY(!holdField("h home", "1"));
+        releaseFields("h_home");
+        QCOMPARE(settingsOf(inner)["text"].toString(), "3-4");
+        QVERIFY(holdField("h_away", "0"));
+        releaseFields("");
+        QCOMPARE(settingsOf(inner)["text"].toString(), "3-4");
     }
 
     // Text sources made, edited and released on other threads while scores arrive on this one:

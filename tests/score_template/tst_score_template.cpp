@@ -50,7 +50,7 @@ private Q_SLOTS:
                                                               {"markup", "<b>&amp;"},
                                                               {"period", "2nd"}}}}));
         QCOMPARE(renderScoreTemplate(text, &live), rendered);
-        QCOMPARE(renderScoreTemplate(text, nullptr), bare);
+        QCOMPARE(renderScoreTemplate(text, static_cast<const LiveData*>(nullptr)), bare);
     }
 };
 

@@ -3,6 +3,7 @@
 #include "account_section.h"
 #include "app.h"
 #include "device_section.h"
+#include "live_panel.h"
 #include "live_status_section.h"
 #include "relay_section.h"
 #include "scene_section.h"
@@ -24,6 +25,7 @@ Dock::Dock(App* app, SceneActions* sceneActions, QWidget* parent) : QWidget(pare
     addSection(new AccountSection(&app->portal()));
     addSection(new DeviceSection(app));
     addSection(new LiveStatusSection(app->sourceManager()));
+    addSection(new LivePanel(app));
     if (sceneActions)
         addSection(new SceneSection(sceneActions));
     addSection(new ServerSection(app));
