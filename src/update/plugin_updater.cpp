@@ -290,6 +290,7 @@ void PluginUpdater::startDownload()
     }
     m_download = download;
     m_busy = true;
+    m_downloadPercent = 0;
     setState(Downloading, QStringLiteral("Downloading version %1").arg(m_manifest.version));
     connect(download, &PackageDownload::progressed, this, &PluginUpdater::showProgress);
     download->start(
@@ -325,6 +326,7 @@ void PluginUpdater::cancel()
 
 void PluginUpdater::showProgress(int percent)
 {
+    m_downloadPercent = percent;
     setState(Downloading,
              QStringLiteral("Downloading version %1 %2%").arg(m_manifest.version).arg(percent));
 }

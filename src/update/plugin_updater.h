@@ -57,6 +57,8 @@ public:
     bool canCancel() const;
     // A newer package for this computer is known, so Install can be tried (again).
     bool hasPackage() const;
+    // How much of the package has arrived while downloading, 0 to 100.
+    int downloadPercent() const { return m_downloadPercent; }
     // Whether this copy may replace its own files (not so for an all-users installation).
     bool canSelfUpdate() const;
 
@@ -101,6 +103,7 @@ private:
     State m_state = Idle;
     QString m_statusText;
     bool m_busy = false;
+    int m_downloadPercent = 0;
     UpdateManifest m_manifest;
 };
 

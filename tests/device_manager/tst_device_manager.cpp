@@ -7,6 +7,7 @@
 #include "firmware_panel.h"
 #include "sim/portal_server.h"
 
+#include <QMessageBox>
 #include <QTabWidget>
 #include <QTemporaryDir>
 
@@ -15,6 +16,22 @@ using namespace vantorelle::test;
 
 static const QString kEmail = QStringLiteral("coach@example.com");
 static const QString kPassword = QStringLiteral("hunter22");
+
+// Answers the confirmation an action asked for, with its accepting button or Cancel; its texts
+// and the button's, joined by "|" (empty when nothing was asked).
+QString answerConfirmation(QWidget* dialog, bool accept)
+{
+    auto* box = dialog->findChild<QMessageBox*>("confirmation");
+    const QMessageBox::ButtonRole role = accept ? QMessageBox::AcceptRole : QMessageBox::RejectRole;
+    for (QAbstractButton* button : box ? box->buttons() : QList<QAbstractButton*>()) {
+        if (box->buttonRole(button) != role)
+            continue;
+        const QString texts = box->text() + '|' + box->informativeText() + '|' + button->text();
+        button->click();
+        return texts;
+    }
+    return {};
+}
 
 class TestDeviceManager : public QObject
 {
@@ -47,7 +64,9 @@ private:
 
 // One row per action: [name, button, the device's answers by method (a result, successive
 // results, or a refusal's message), fields typed, requests sent (the method, with its parameters
-// unless empty), what the panel shows in the end, whether that is a failure].
+// unless empty), what the panel shows in the end, whether that is a failure]. Where the action
+// asks first, "confirm" holds the question, what viewers will see and the button pressed, joined
+// by "|" ("-": Cancel is pressed).
 void TestDeviceManager::actions_data()
 {
     addRows(R"json([
@@ -100,17 +119,20 @@ void TestDeviceManager::actions_data()
 ["firmware check", "checkFirmware", {"otaCheck": {"update_available": true, "latest": "2.5",
   "notes": []}}, {}, ["otaCheck"], {"firmwareLines": "latest: 2.5\nupdate_available: true"}],
 ["firmware installed", "installFirmware", {"otaProgress": [{"state": "writing", "percent": 50},
-  {"state": "ok", "percent": 70}]}, {}, ["otaApply", "otaProgress", "otaProgress"], {"panelMessage":
+  {"state": "ok", "percent": 70}]}, {}, ["otaApply", "otaProgress", "otaProgress"], {"confirm":
+  "Install the firmware update now?|The scoreboard data stops for about a minute while the device installs the update and restarts.|Install", "panelMessage":
   "The update is installed. The device restarts to use it.", "firmwareProgress": "70%"}],
 ["firmware fails", "installFirmware", {"otaProgress": [{"state": "writing", "percent": 50},
   {"state": "failed", "detail": "Too large"}]}, {}, ["otaApply", "otaProgress", "otaProgress"],
- {"panelMessage": "Too large", "firmwareProgress": "50%"}, true],
+ {"confirm": "Install the firmware update now?|The scoreboard data stops for about a minute while the device installs the update and restarts.|Install",
+  "panelMessage": "Too large", "firmwareProgress": "50%"}, true],
 ["radio check", "checkRadio", {"c6OtaStatus": {"version": "1.0.3", "available": "1.0.4"}}, {},
  ["c6OtaStatus"], {"radioLines": "available: 1.0.4\nversion: 1.0.3"}],
 ["radio update", "updateRadio", {}, {}, ["c6OtaApply"], {"panelMessage":
   "The radio firmware update started. The device restarts when it is done."}],
 ["device id changed", "changeDeviceId", {}, {"deviceIdEdit": " VT-9"},
- [["setDeviceId", {"device_id": "VT-9"}]], {"panelMessage": "The device id is now VT-9."}],
+ [["setDeviceId", {"device_id": "VT-9"}]], {"confirm": "Change the device id to VT-9?|Graphics and live data that follow the old id stop until they are set to the new one.|Change",
+  "panelMessage": "The device id is now VT-9."}],
 ["broker saved", "saveBroker", {"getMqttConfig": {"host": "", "port": 1883, "tls": {"ca": "x"}}},
  {"broker_host": "mqtt", "broker_port": 8883, "brokerPassword": "s3cret"}, [["setMqttConfig",
   {"host": "mqtt", "port": 8883, "password": "s3cret"}]], {"brokerPassword": "",
@@ -124,12 +146,17 @@ void TestDeviceManager::actions_data()
 ["pairing kept", "storePairing", {}, {}, [],
  {"panelMessage": "Your account now keeps the device's pairing."}],
 ["restart", "restartDevice", {}, {}, ["reboot"],
- {"panelMessage": "The device is restarting. It will be back in a moment."}],
+ {"confirm": "Restart the device?|The scoreboard data stops for about half a minute while it restarts.|Restart",
+  "panelMessage": "The device is restarting. It will be back in a moment."}],
+["restart cancelled", "restartDevice", {}, {}, [], {"confirm": "-", "panelMessage": ""}],
 ["send to a receiver", "sendToReceiver", {"setEspNow": {"key": "0011"}, "getEspNow": [
-   {"espnow": {"role": "off"}}, {"espnow": {"role": "tx", "peer_mac": "24:6F", "key_set": true}}]},
- {"peerMac": " 24:6F", "generateKey": true}, [["setEspNow", {"role": "tx", "peer_mac": "24:6F",
-  "generate_key": true}], "getEspNow"], {"generatedKey": "Give the receiver this key: 0011",
-  "wirelessState": "Sending scores to the receiver 24:6F, with a key.", "panelMessage": ""}],
+   {"espnow": {"role": "off"}}, {"espnow": {"role": "tx", "peer_mac": "24:6F:28:AA:BB:CC",
+   "key_set": true}}]}, {"peerMac": " 24-6f-28-aa-bb-cc", "generateKey": true}, [["setEspNow",
+  {"role": "tx", "peer_mac": "24:6F:28:AA:BB:CC", "generate_key": true}], "getEspNow"],
+ {"generatedKey": "Give the receiver this key: 0011", "panelMessage": "",
+  "wirelessState": "Sending scores to the receiver 24:6F:28:AA:BB:CC, with a key."}],
+["receiver address checked", "sendToReceiver", {}, {"peerMac": "24:6F:28"}, [], {"panelMessage":
+  "The receiver's address is six pairs of digits 0-9 and A-F, such as 24:6F:28:AA:BB:CC."}, true],
 ["wireless off", "turnOffWireless", {"getEspNow": [{"espnow": {"role": "rx"}},
   {"espnow": {"role": "off"}}]}, {}, [["setEspNow", {"role": "off"}], "getEspNow"],
  {"wirelessState": "The wireless link is off."}]
@@ -155,7 +182,10 @@ void TestDeviceManager::actions()
     QWidget* panel = child(&dialog, row[1].toString());
     while (!qobject_cast<AdminPanel*>(panel))
         panel = panel->parentWidget();
-    const QJsonObject expected = row[5].toObject();
+    QJsonObject expected = row[5].toObject();
+    const QString confirm = expected.take("confirm").toString();
+    const QString asked = answerConfirmation(&dialog, confirm != "-");
+    QCOMPARE(confirm == "-" ? QString(asked.isEmpty() ? "" : "-") : asked, confirm);
     for (auto it = expected.begin(); it != expected.end(); ++it)
         QTRY_COMPARE(shown(panel, it.key()), it->toString());
     QCOMPARE(shownAsFailure(panel), row[6].toBool());
@@ -182,6 +212,7 @@ void TestDeviceManager::firmwareRestartEndsTheSession()
     QWidget* panel = dialog.tabs()->widget(5);
     QTRY_VERIFY(child(panel, "installFirmware")->isEnabled());
     click(panel, "installFirmware");
+    QVERIFY(!answerConfirmation(&dialog, true).isEmpty());
     QTRY_COMPARE(message(panel), "Installing the firmware update: 6%");
     Q_EMIT device.closed("The USB device was unplugged.");
     QTRY_COMPARE(device.session->state(), DeviceSession::State::Restarting);
@@ -190,6 +221,7 @@ void TestDeviceManager::firmwareRestartEndsTheSession()
     QVERIFY(!shownAsFailure(panel));
     QCOMPARE(shown(&dialog, "sessionState"), "The device is restarting. Open the setup window "
                                              "from the dock to connect again once it is back.");
+    QVERIFY(!shownAsFailure(&dialog, "sessionState"));
 }
 
 QTEST_MAIN(TestDeviceManager)

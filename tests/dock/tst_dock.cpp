@@ -219,6 +219,7 @@ void TestDock::updateBanner()
     UpdaterConfig config = sandbox.config(service.manifestUrl());
     config.downloadPage = "https://example.com/get";
     m_app->updater().setConfig(config);
+    QVERIFY(child(root(), "updateBannerPanel")->isHidden()); // nothing to do about updates
     press("checkUpdates");
     QTRY_COMPARE(text("updateBanner"),
                  "Could not reach the Vantorelle update service. Check your internet connection.");
@@ -238,6 +239,7 @@ void TestDock::updateBanner()
     service.setPackageResponse("package.zip", stalled);
     press("installUpdate");
     QCOMPARE(text("installUpdate") + '|' + text("cancelUpdate"), "|Cancel");
+    QVERIFY(child(root(), "updateProgress")->isVisible());
     press("cancelUpdate");
     QCOMPARE(text("updateBanner"), "Version 1.2.0 is available.");
     QCOMPARE(text("installUpdate") + '|' + text("cancelUpdate"), "Install|");
@@ -245,7 +247,9 @@ void TestDock::updateBanner()
     press("installUpdate");
     QTRY_COMPARE(text("updateBanner"),
                  "The download did not finish. Check your internet connection and try again.");
-    QCOMPARE(text("installUpdate") + '|' + text("cancelUpdate"), "Install|");
+    QCOMPARE(text("installUpdate") + '|' + text("cancelUpdate"), "Retry|");
+    QVERIFY(!child(root(), "updateProgress")->isVisible());
+    QVERIFY(!child(root(), "updateRestartNote")->isVisible());
     config.installFolder.clear(); // installed for all users
     m_app->updater().setConfig(config);
     press("checkUpdates");
@@ -253,7 +257,6 @@ void TestDock::updateBanner()
                  "|<a href=\"https://example.com/get\">Download version 1.2.0</a>");
 }
 
-// The sharing server's port and state; the scene section; the setup wizard opens from the dock.
 // What is on air, the operator's own fields and holds, and the stale state as soon as the route
 // reports it; the clock runs only while the dock is shown.
 void TestDock::livePanel()
@@ -307,6 +310,7 @@ void TestDock::livePanel()
     QVERIFY(clock->isActive());
 }
 
+// The sharing server's port and state; the scene section; the setup wizard opens from the dock.
 void TestDock::otherSections()
 {
     struct : SceneActions

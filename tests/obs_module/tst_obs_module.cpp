@@ -121,12 +121,15 @@ void registerBrowserStandIn()
     obs_register_source(&info);
 }
 
-// Calls one of the plug-in's procedures: an envelope in, "accepted" or the snapshot out.
-QByteArray callProcedure(const char* name, const char* envelope = "")
+// Calls one of the plug-in's procedures with text arguments: "accepted" when it says so, else
+// the snapshot it gives.
+QByteArray callProcedure(const char* name,
+                         std::initializer_list<std::pair<const char*, const char*>> arguments = {})
 {
     calldata_t data;
     calldata_init(&data);
-    calldata_set_string(&data, "envelope", envelope);
+    for (const auto& [key, value] : arguments)
+        calldata_set_string(&data, key, value);
     proc_handler_call(obs_get_proc_handler(), name, &data);
     const QByteArray out =
         calldata_bool(&data, "accepted") ? "accepted" : calldata_string(&data, "snapshot");
@@ -136,30 +139,13 @@ QByteArray callProcedure(const char* name, const char* envelope = "")
 
 bool applyEnvelope(const char* json)
 {
-    return callProcedure("vantorelle_apply_envelope", json) == "accepted";
+    return callProcedure("vantorelle_apply_envelope", {{"envelope", json}}) == "accepted";
 }
 
-// Holds a field at a value through the plug-in's procedure; true when accepted.
 bool holdField(const char* field, const char* value)
 {
-    calldata_t data;
-    calldata_init(&data);
-    calldata_set_string(&data, "field", field);
-    calldata_set_string(&data, "value", value);
-    proc_handler_call(obs_get_proc_handler(), "vantorelle_hold_field", &data);
-    const bool accepted = calldata_bool(&data, "accepted");
-    calldata_free(&data);
-    return accepted;
-}
-
-// Releases one held field, or all of them for "".
-void releaseFields(const char* field)
-{
-    calldata_t data;
-    calldata_init(&data);
-    calldata_set_string(&data, "field", field);
-    proc_handler_call(obs_get_proc_handler(), "vantorelle_release_fields", &data);
-    calldata_free(&data);
+    return callProcedure("vantorelle_hold_field", {{"field", field}, {"value", value}}) ==
+           "accepted";
 }
 
 Properties propertiesOf(const char* type)
@@ -383,10 +369,10 @@ private Q_SLOTS:
         QVERIFY(applyEnvelope(R"({"fields":{"h_home":3,"h_away":4}})"));
         QCOMPARE(settingsOf(inner)["text"].toString(), "10-4");
         QVERIFY(!holdField("h home", "1"));
-        releaseFields("h_home");
+        callProcedure("vantorelle_release_fields", {{"field", "h_home"}});
         QCOMPARE(settingsOf(inner)["text"].toString(), "3-4");
         QVERIFY(holdField("h_away", "0"));
-        releaseFields("");
+        callProcedure("vantorelle_release_fields", {{"field", ""}});
         QCOMPARE(settingsOf(inner)["text"].toString(), "3-4");
     }
 

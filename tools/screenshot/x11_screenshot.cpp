@@ -1,5 +1,6 @@
 #include "x11_screenshot.h"
 
+#include <X11/Xatom.h>
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
 
@@ -25,6 +26,74 @@ QImage screenshotOfDisplay()
         XDestroyImage(shot);
     XCloseDisplay(display);
     return image;
+}
+
+namespace {
+
+// The window's _NET_WM_PID, or -1.
+long windowPid(Display* display, Window window, Atom pidAtom)
+{
+    Atom type = 0;
+    int format = 0;
+    unsigned long items = 0, after = 0;
+    unsigned char* data = nullptr;
+    long pid = -1;
+    if (XGetWindowProperty(display, window, pidAtom, 0, 1, False, XA_CARDINAL, &type, &format,
+                           &items, &after, &data) == Success &&
+        data && format == 32 && items == 1)
+        pid = long(*reinterpret_cast<unsigned long*>(data));
+    if (data)
+        XFree(data);
+    return pid;
+}
+
+QString windowTitle(Display* display, Window window)
+{
+    char* name = nullptr;
+    QString title;
+    if (XFetchName(display, window, &name) && name)
+        title = QString::fromLocal8Bit(name);
+    if (name)
+        XFree(name);
+    return title;
+}
+
+} // namespace
+
+int requestWindowClose(qint64 pid, const QString& titlePrefix)
+{
+    Display* display = XOpenDisplay(nullptr);
+    if (!display)
+        return 0;
+    const Atom pidAtom = XInternAtom(display, "_NET_WM_PID", False);
+    const Atom protocols = XInternAtom(display, "WM_PROTOCOLS", False);
+    const Atom deleteWindow = XInternAtom(display, "WM_DELETE_WINDOW", False);
+    Window root = 0, parent = 0;
+    Window* children = nullptr;
+    unsigned count = 0;
+    int asked = 0;
+    // Without a window manager the top-level windows are the root's children.
+    if (XQueryTree(display, DefaultRootWindow(display), &root, &parent, &children, &count)) {
+        for (unsigned i = 0; i < count; ++i) {
+            const Window window = children[i];
+            if (windowPid(display, window, pidAtom) != pid ||
+                !windowTitle(display, window).startsWith(titlePrefix))
+                continue;
+            XEvent event = {};
+            event.xclient.type = ClientMessage;
+            event.xclient.window = window;
+            event.xclient.message_type = protocols;
+            event.xclient.format = 32;
+            event.xclient.data.l[0] = long(deleteWindow);
+            event.xclient.data.l[1] = CurrentTime;
+            XSendEvent(display, window, False, NoEventMask, &event);
+            ++asked;
+        }
+        if (children)
+            XFree(children);
+    }
+    XCloseDisplay(display);
+    return asked;
 }
 
 } // namespace vantorelle::tools

@@ -4,6 +4,7 @@
 #include "panel_style.h"
 
 #include <QLabel>
+#include <QMessageBox>
 #include <QPushButton>
 #include <QTimer>
 #include <QVBoxLayout>
@@ -54,6 +55,24 @@ QLabel* AdminPanel::addAnswerLabel(const QString& objectName)
 bool AdminPanel::sessionReady() const
 {
     return m_session && m_session->state() == DeviceSession::State::Ready;
+}
+
+void AdminPanel::confirmThen(const QString& question, const QString& consequence,
+                             const QString& action, std::function<void()> then)
+{
+    auto* box = new QMessageBox(QMessageBox::Warning, QStringLiteral("Vantorelle"), question,
+                                QMessageBox::Cancel, this);
+    box->setObjectName(QStringLiteral("confirmation"));
+    box->setTextFormat(Qt::PlainText);
+    box->setInformativeText(consequence);
+    QPushButton* go = box->addButton(action, QMessageBox::AcceptRole);
+    box->setDefaultButton(QMessageBox::Cancel);
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    connect(box, &QMessageBox::finished, this, [box, go, then = std::move(then)] {
+        if (box->clickedButton() == go)
+            then();
+    });
+    box->open();
 }
 
 void AdminPanel::ask(const QString& progress, const Operation& operation,

@@ -50,6 +50,12 @@ protected:
     // The same for a question whose answer is shown as "key: value" lines in `label`.
     void askAndShow(const QString& progress, const Operation& operation, QLabel* label);
 
+    // Asks before an action the audience would notice: `question`, what viewers will see
+    // (`consequence`) and a button named `action`; `then` runs only when the user confirms.
+    // The box is window-modal and does not block the event loop.
+    void confirmThen(const QString& question, const QString& consequence, const QString& action,
+                     std::function<void()> then);
+
     // A request starts: the actions wait and the status line says what is going on.
     void begin(const QString& progress);
     // The request ended well; `text` (may be empty) replaces any earlier failure.

@@ -25,6 +25,16 @@ void AdvancedPanel::restartDevice()
 {
     if (!canStart() || session()->isReceiverMode())
         return;
+    confirmThen(QStringLiteral("Restart the device?"),
+                QStringLiteral("The scoreboard data stops for about half a minute while it "
+                               "restarts."),
+                QStringLiteral("Restart"), [this] { restartNow(); });
+}
+
+void AdvancedPanel::restartNow()
+{
+    if (!canStart())
+        return;
     begin(QStringLiteral("Restarting the device…"));
     session()->reboot(guarded([this](const RpcResult& result) {
         // The device may drop the link before it answers; the session knows whether that was

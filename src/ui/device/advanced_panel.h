@@ -15,6 +15,7 @@ public:
     explicit AdvancedPanel(DeviceSession* session, QWidget* parent = nullptr);
 
     void restartDevice();
+    void restartNow();
     WirelessPanel* wirelessPanel() const { return m_wireless; }
 
 private:

@@ -110,6 +110,16 @@ void CloudPanel::changeDeviceId()
         return;
     if (id.isEmpty())
         return fail(QStringLiteral("Type the device's new id."));
+    confirmThen(QStringLiteral("Change the device id to %1?").arg(id),
+                QStringLiteral("Graphics and live data that follow the old id stop until they "
+                               "are set to the new one."),
+                QStringLiteral("Change"), [this, id] { setDeviceId(id); });
+}
+
+void CloudPanel::setDeviceId(const QString& id)
+{
+    if (!canStart())
+        return;
     ask(
         QStringLiteral("Changing the device id…"),
         [id](DeviceSession& session, DeviceSession::Done done) { session.setDeviceId(id, done); },

@@ -23,6 +23,7 @@ public:
 
     void load();
     void changeDeviceId();
+    void setDeviceId(const QString& id);
     void saveBroker();
     void provision();
     void revealPairing();

@@ -84,7 +84,8 @@ void DeviceManager::followState(State state, const QString& detail)
                               "to sign in again.");
         break;
     }
-    showMessage(m_state, text, !text.isEmpty());
+    // A restart is expected and says so plainly; a lost or signed-out device is a failure.
+    showMessage(m_state, text, !text.isEmpty() && state != State::Restarting);
 }
 
 } // namespace vantorelle

@@ -73,6 +73,14 @@ void FirmwarePanel::checkForUpdate()
 
 void FirmwarePanel::installUpdate()
 {
+    confirmThen(QStringLiteral("Install the firmware update now?"),
+                QStringLiteral("The scoreboard data stops for about a minute while the device "
+                               "installs the update and restarts."),
+                QStringLiteral("Install"), [this] { installNow(); });
+}
+
+void FirmwarePanel::installNow()
+{
     m_progress->setValue(0);
     ask(QStringLiteral("Starting the firmware update…"), &DeviceSession::otaApply,
         [this](const RpcResult& result) {

@@ -24,6 +24,7 @@ public:
 
     void checkForUpdate();
     void installUpdate();
+    void installNow();
     void checkRadio();
     void updateRadio();
 

@@ -8,6 +8,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
+#include <QRegularExpression>
 #include <QSpinBox>
 #include <QVBoxLayout>
 
@@ -180,9 +181,16 @@ void WirelessPanel::sendToReceiver()
 {
     if (isForReceiver() || !canStart())
         return;
-    const QString peer = m_peer->text().trimmed();
+    // Six pairs of hex digits, with ":" or "-" between them; sent with ":" in capitals.
+    static const QRegularExpression mac(QStringLiteral("^[0-9A-Fa-f]{2}([:-][0-9A-Fa-f]{2}){5}$"));
+    const QString peer = m_peer->text().trimmed().toUpper().replace(u'-', u':');
     if (peer.isEmpty()) {
         fail(QStringLiteral("Type the receiver's address."));
+        return;
+    }
+    if (!mac.match(peer).hasMatch()) {
+        fail(QStringLiteral("The receiver's address is six pairs of digits 0-9 and A-F, such as "
+                            "24:6F:28:AA:BB:CC."));
         return;
     }
     begin(QStringLiteral("Setting up the wireless link…"));

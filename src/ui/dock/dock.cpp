@@ -41,6 +41,8 @@ Dock::Dock(App* app, SceneActions* sceneActions, QWidget* parent) : QWidget(pare
     scroll->setWidget(content);
     auto* layout = new QVBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
+    // The update banner stays in sight above the scrolling sections.
+    layout->addWidget(new UpdateBanner(&app->updater()));
     layout->addWidget(scroll);
 }
 

@@ -6,60 +6,80 @@
 
 #include <QCheckBox>
 #include <QDateTime>
+#include <QHBoxLayout>
 #include <QLabel>
 #include <QLocale>
+#include <QProgressBar>
 #include <QPushButton>
 #include <QVBoxLayout>
 
 namespace vantorelle {
 
-UpdateSection::UpdateSection(PluginUpdater* updater, SettingsStore* settings, QWidget* parent)
-    : QWidget(parent), m_updater(updater), m_settings(settings)
+namespace {
+
+// What the end of the dock says itself; everything else is the banner's.
+bool quietState(PluginUpdater::State state)
 {
-    auto* layout = sectionLayout(this, "updatePanel", QStringLiteral("Updates"));
+    return state == PluginUpdater::Idle || state == PluginUpdater::Checking ||
+           state == PluginUpdater::UpToDate;
+}
+
+} // namespace
+
+UpdateBanner::UpdateBanner(PluginUpdater* updater, QWidget* parent)
+    : QWidget(parent), m_updater(updater)
+{
+    setObjectName(QStringLiteral("updateBannerPanel"));
+    auto* layout = new QVBoxLayout(this);
     m_banner = wrappedLabel(QStringLiteral("updateBanner"));
+    m_banner->setTextFormat(Qt::PlainText);
     m_details = wrappedLabel(QStringLiteral("updateDetails"));
     m_details->setTextFormat(Qt::PlainText);
+    m_progress = new QProgressBar;
+    m_progress->setObjectName(QStringLiteral("updateProgress"));
     m_install = new QPushButton(QStringLiteral("Install"));
     m_install->setObjectName(QStringLiteral("installUpdate"));
     m_cancel = new QPushButton(QStringLiteral("Cancel"));
     m_cancel->setObjectName(QStringLiteral("cancelUpdate"));
     m_download = wrappedLabel(QStringLiteral("downloadLink"));
     m_download->setOpenExternalLinks(true);
-    m_check = new QPushButton(QStringLiteral("Check now"));
-    m_check->setObjectName(QStringLiteral("checkUpdates"));
-    m_autoCheck = new QCheckBox(QStringLiteral("Check for updates automatically"));
-    m_autoCheck->setObjectName(QStringLiteral("autoCheckUpdates"));
-    m_autoCheck->setChecked(m_settings->autoCheckUpdates());
-    m_lastCheck = wrappedLabel(QStringLiteral("lastUpdateCheck"));
-    const QList<QWidget*> rows = {m_banner,   m_details, m_install,   m_cancel,
-                                  m_download, m_check,   m_autoCheck, m_lastCheck};
-    for (QWidget* widget : rows)
-        layout->addWidget(widget);
+    m_restartNote = wrappedLabel(QStringLiteral("updateRestartNote"));
+    m_restartNote->setText(QStringLiteral("The new version takes effect when OBS restarts."));
+    auto* buttons = new QHBoxLayout;
+    buttons->addWidget(m_progress, 1);
+    buttons->addWidget(m_install);
+    buttons->addWidget(m_cancel);
+    layout->addWidget(m_banner);
+    layout->addWidget(m_details);
+    layout->addLayout(buttons);
+    layout->addWidget(m_download);
+    layout->addWidget(m_restartNote);
 
     connect(m_install, &QPushButton::clicked, m_updater, &PluginUpdater::install);
     connect(m_cancel, &QPushButton::clicked, m_updater, &PluginUpdater::cancel);
-    connect(m_check, &QPushButton::clicked, this, [this] { m_updater->check(true); });
-    connect(m_autoCheck, &QCheckBox::toggled, this,
-            [this](bool enabled) { m_settings->setAutoCheckUpdates(enabled); });
-    connect(m_updater, &PluginUpdater::stateChanged, this, &UpdateSection::refresh);
+    connect(m_updater, &PluginUpdater::stateChanged, this, &UpdateBanner::refresh);
     refresh();
 }
 
-void UpdateSection::refresh()
+void UpdateBanner::refresh()
 {
     const PluginUpdater::State state = m_updater->state();
+    setVisible(!quietState(state));
     showMessage(m_banner, m_updater->statusText(), state == PluginUpdater::Failed);
     // After a failed download or install the same package can be tried again.
-    showAvailable(state == PluginUpdater::Available,
-                  state == PluginUpdater::Available ||
-                      (state == PluginUpdater::Failed && m_updater->hasPackage()));
+    const bool retry = state == PluginUpdater::Failed && m_updater->hasPackage();
+    showAvailable(state == PluginUpdater::Available, state == PluginUpdater::Available || retry);
+    m_install->setText(retry ? QStringLiteral("Retry") : QStringLiteral("Install"));
     m_cancel->setVisible(m_updater->canCancel());
-    m_check->setEnabled(!m_updater->isBusy() && state != PluginUpdater::Installed);
-    showLastCheck();
+    m_progress->setVisible(state == PluginUpdater::Downloading ||
+                           state == PluginUpdater::Installing);
+    // Unpacking and swapping report no progress of their own.
+    m_progress->setRange(0, state == PluginUpdater::Installing ? 0 : 100);
+    m_progress->setValue(m_updater->downloadPercent());
+    m_restartNote->setVisible(state == PluginUpdater::Installed);
 }
 
-void UpdateSection::showAvailable(bool available, bool installable)
+void UpdateBanner::showAvailable(bool available, bool installable)
 {
     const UpdateManifest& manifest = m_updater->manifest();
     QString details;
@@ -82,16 +102,39 @@ void UpdateSection::showAvailable(bool available, bool installable)
     m_download->setVisible(link);
 }
 
-void UpdateSection::showLastCheck()
+UpdateSection::UpdateSection(PluginUpdater* updater, SettingsStore* settings, QWidget* parent)
+    : QWidget(parent), m_updater(updater), m_settings(settings)
 {
+    auto* layout = sectionLayout(this, "updatePanel", QStringLiteral("Updates"));
+    m_status = wrappedLabel(QStringLiteral("updateStatus"));
+    m_status->setTextFormat(Qt::PlainText);
+    m_check = new QPushButton(QStringLiteral("Check now"));
+    m_check->setObjectName(QStringLiteral("checkUpdates"));
+    m_autoCheck = new QCheckBox(QStringLiteral("Check for updates automatically"));
+    m_autoCheck->setObjectName(QStringLiteral("autoCheckUpdates"));
+    m_autoCheck->setChecked(m_settings->autoCheckUpdates());
+    m_lastCheck = wrappedLabel(QStringLiteral("lastUpdateCheck"));
+    for (QWidget* widget : QList<QWidget*>{m_status, m_check, m_autoCheck, m_lastCheck})
+        layout->addWidget(widget);
+
+    connect(m_check, &QPushButton::clicked, this, [this] { m_updater->check(true); });
+    connect(m_autoCheck, &QCheckBox::toggled, this,
+            [this](bool enabled) { m_settings->setAutoCheckUpdates(enabled); });
+    connect(m_updater, &PluginUpdater::stateChanged, this, &UpdateSection::refresh);
+    refresh();
+}
+
+void UpdateSection::refresh()
+{
+    const PluginUpdater::State state = m_updater->state();
+    showMessage(m_status, quietState(state) ? m_updater->statusText() : QString(), false);
+    m_check->setEnabled(!m_updater->isBusy() && state != PluginUpdater::Installed);
     const double seconds = m_settings->lastUpdateCheck();
-    if (seconds <= 0) {
-        m_lastCheck->setText(QStringLiteral("Not checked yet"));
-        return;
-    }
-    const QDateTime when = QDateTime::fromSecsSinceEpoch(qint64(seconds));
     m_lastCheck->setText(
-        QStringLiteral("Last checked %1").arg(QLocale().toString(when, QLocale::ShortFormat)));
+        seconds <= 0 ? QStringLiteral("Not checked yet")
+                     : QStringLiteral("Last checked %1")
+                           .arg(QLocale().toString(QDateTime::fromSecsSinceEpoch(qint64(seconds)),
+                                                   QLocale::ShortFormat)));
 }
 
 } // namespace vantorelle

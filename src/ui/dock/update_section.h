@@ -4,6 +4,7 @@
 
 class QCheckBox;
 class QLabel;
+class QProgressBar;
 class QPushButton;
 
 namespace vantorelle {
@@ -11,8 +12,32 @@ namespace vantorelle {
 class PluginUpdater;
 class SettingsStore;
 
-// The update banner: what the updater is doing, the available version with its notes, and the
-// way to get it; plus the manual check and the automatic-check choice.
+// The banner at the top of the dock while there is something to do about an update: the
+// version with its notes, Install (Retry after a failure), the download's progress with Cancel,
+// a failure, and once installed that it takes effect when OBS restarts. Hidden otherwise.
+class UpdateBanner : public QWidget
+{
+    Q_OBJECT
+
+public:
+    explicit UpdateBanner(PluginUpdater* updater, QWidget* parent = nullptr);
+
+private:
+    void refresh();
+    void showAvailable(bool available, bool installable);
+
+    PluginUpdater* m_updater;
+    QLabel* m_banner = nullptr;
+    QLabel* m_details = nullptr;
+    QProgressBar* m_progress = nullptr;
+    QPushButton* m_install = nullptr;
+    QPushButton* m_cancel = nullptr;
+    QLabel* m_download = nullptr;
+    QLabel* m_restartNote = nullptr;
+};
+
+// The update settings at the end of the dock: the manual check with its outcome, and the
+// automatic-check choice.
 class UpdateSection : public QWidget
 {
     Q_OBJECT
@@ -22,16 +47,10 @@ public:
 
 private:
     void refresh();
-    void showAvailable(bool available, bool installable);
-    void showLastCheck();
 
     PluginUpdater* m_updater;
     SettingsStore* m_settings;
-    QLabel* m_banner = nullptr;
-    QLabel* m_details = nullptr;
-    QPushButton* m_install = nullptr;
-    QPushButton* m_cancel = nullptr;
-    QLabel* m_download = nullptr;
+    QLabel* m_status = nullptr;
     QPushButton* m_check = nullptr;
     QCheckBox* m_autoCheck = nullptr;
     QLabel* m_lastCheck = nullptr;
