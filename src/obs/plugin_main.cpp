@@ -8,6 +8,7 @@
 #include "log.h"
 #include "obs_compat.h"
 #include "obs_scene_actions.h"
+#include "panel_style.h"
 #include "text_source.h"
 #include "tls_support.h"
 #include "version.h"
@@ -216,6 +217,7 @@ bool obs_module_load(void)
                      &vantorelle::refreshTextSources);
     registerProcedures();
     vantorelle::registerHotkeys();
+    vantorelle::setThemedByHost(true); // OBS's theme colours the messages
     addDock();
     return true;
 }

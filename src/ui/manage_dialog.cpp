@@ -2,6 +2,7 @@
 
 #include "answer_lines.h"
 #include "controller_catalogue.h"
+#include "panel_style.h"
 
 #include <QComboBox>
 #include <QFormLayout>
@@ -13,8 +14,6 @@
 namespace vantorelle {
 
 namespace {
-
-constexpr const char* kFailureStyle = "color: #d9534f;";
 
 QPushButton* addButton(QVBoxLayout* layout, const QString& text, const char* name)
 {
@@ -132,19 +131,17 @@ QString ManageDialog::statusLines(const PortalResult& result)
 
 void ManageDialog::waitFor(const QString& text)
 {
-    m_status->setText(text);
+    showMessage(m_status, text, MessageKind::Plain);
 }
 
 void ManageDialog::showFailure(const PortalResult& result)
 {
-    m_status->setStyleSheet(QLatin1String(kFailureStyle));
-    m_status->setText(result.message);
+    showMessage(m_status, result.message, MessageKind::Failure);
 }
 
 void ManageDialog::showSuccess(const QString& status, const QString& result)
 {
-    m_status->setStyleSheet(QString());
-    m_status->setText(status);
+    showMessage(m_status, status, MessageKind::Plain);
     if (!result.isNull())
         m_result->setText(result);
 }

@@ -2,6 +2,7 @@
 
 #include <QHBoxLayout>
 #include <QLabel>
+#include <QStyle>
 #include <QVBoxLayout>
 
 namespace vantorelle {
@@ -14,10 +15,67 @@ QLabel* wrappedLabel(const QString& objectName, QWidget* parent)
     return label;
 }
 
+namespace {
+
+bool s_themedByHost = false;
+
+struct KindNames
+{
+    MessageKind kind;
+    const char* themeId;   // OBS 29 and 30
+    const char* className; // later OBS themes
+};
+
+constexpr KindNames kKinds[] = {{MessageKind::Plain, "", ""},
+                                {MessageKind::Good, "good", "text-success"},
+                                {MessageKind::Warning, "warning", "text-warning"},
+                                {MessageKind::Failure, "error", "text-danger"}};
+
+} // namespace
+
+void setThemedByHost(bool themed)
+{
+    s_themedByHost = themed;
+}
+
+void setMessageKind(QLabel* label, MessageKind kind)
+{
+    for (const KindNames& names : kKinds) {
+        if (names.kind != kind)
+            continue;
+        if (label->property("themeID").toString() == QLatin1String(names.themeId))
+            return;
+        label->setProperty("themeID", QLatin1String(names.themeId));
+        label->setProperty("class", QLatin1String(names.className));
+    }
+    label->setStyleSheet(!s_themedByHost && kind == MessageKind::Failure
+                             ? QStringLiteral("color: #d9534f;")
+                             : QString());
+    // A changed property takes effect in the theme's style sheet only when restyled.
+    label->style()->unpolish(label);
+    label->style()->polish(label);
+}
+
+MessageKind messageKind(const QLabel* label)
+{
+    const QString id = label->property("themeID").toString();
+    for (const KindNames& names : kKinds) {
+        if (id == QLatin1String(names.themeId))
+            return names.kind;
+    }
+    return MessageKind::Plain;
+}
+
 void showMessage(QLabel* label, const QString& text, bool failure)
 {
+    showMessage(label, text, failure ? MessageKind::Failure : MessageKind::Plain);
+}
+
+void showMessage(QLabel* label, const QString& text, MessageKind kind)
+{
+    label->setTextFormat(Qt::PlainText);
     label->setText(text);
-    label->setStyleSheet(failure ? QString::fromLatin1(ErrorStyle) : QString());
+    setMessageKind(label, kind);
     label->setVisible(!text.isEmpty());
 }
 

@@ -88,7 +88,7 @@ inline QString message(QObject* panel)
 
 inline bool shownAsFailure(QObject* root, const QString& label = "panelMessage")
 {
-    return child(root, label)->styleSheet().contains("#d9534f");
+    return child(root, label)->property("themeID").toString() == "error";
 }
 
 // Types into fields, ticks boxes and picks list entries by their value, as a user would.

@@ -163,9 +163,7 @@ void LivePanel::refreshAge()
     else
         text = QStringLiteral("Updated %1 s ago.").arg(seconds);
     setLabel(m_age, text);
-    const QString style = sources->isStale() ? QString::fromLatin1(ErrorStyle) : QString();
-    if (m_age->styleSheet() != style)
-        m_age->setStyleSheet(style);
+    setMessageKind(m_age, sources->isStale() ? MessageKind::Warning : MessageKind::Plain);
 }
 
 void LivePanel::refreshTable()

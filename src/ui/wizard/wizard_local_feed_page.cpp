@@ -23,8 +23,19 @@ WizardLocalFeedPage::WizardLocalFeedPage(DeviceSession* session, SettingsStore* 
     layout->addWidget(m_enable, 0, Qt::AlignLeft);
     m_message = wrappedLabel(QStringLiteral("localFeedMessage"));
     layout->addWidget(m_message);
+    m_showToken = new QPushButton(tr("Show the access token"));
+    m_showToken->setObjectName(QStringLiteral("showToken"));
+    m_showToken->setCheckable(true);
+    m_showToken->hide();
+    layout->addWidget(m_showToken, 0, Qt::AlignLeft);
+    m_token = wrappedLabel(QStringLiteral("accessToken"));
+    m_token->setTextFormat(Qt::PlainText);
+    m_token->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    m_token->hide();
+    layout->addWidget(m_token);
     layout->addStretch();
     showMessage(m_message, {}, false);
+    connect(m_showToken, &QPushButton::toggled, m_token, &QLabel::setVisible);
     connect(m_enable, &QPushButton::clicked, this, &WizardLocalFeedPage::enable);
 }
 
@@ -42,11 +53,14 @@ void WizardLocalFeedPage::enable()
                        self->m_enable->setEnabled(true);
                        const LanEntry& lan = access.entry;
                        showMessage(self->m_message,
-                                   result.ok
-                                       ? tr("Stored for %1 (%2): address %3, token %4.")
-                                             .arg(lan.name, access.deviceId, lan.host, lan.token)
-                                       : result.message,
+                                   result.ok ? tr("Stored for %1 (%2): address %3, with its access "
+                                                  "token.")
+                                                   .arg(lan.name, access.deviceId, lan.host)
+                                             : result.message,
                                    !result.ok);
+                       self->m_token->setText(result.ok ? lan.token : QString());
+                       self->m_showToken->setChecked(false);
+                       self->m_showToken->setVisible(result.ok);
                    });
 }
 

@@ -28,6 +28,9 @@ private:
     SettingsStore* m_settings;
     QPushButton* m_enable = nullptr;
     QLabel* m_message = nullptr;
+    // The token stays hidden (streamers share their screens) until the user asks to see it.
+    QPushButton* m_showToken = nullptr;
+    QLabel* m_token = nullptr;
 };
 
 } // namespace vantorelle
