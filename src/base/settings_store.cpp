@@ -23,6 +23,7 @@ const char* const kRoutes = "routes";
 const char* const kOperatorFields = "operator_fields";
 const char* const kHeldFields = "held_fields";
 const char* const kReleaseHoldsWhenLive = "release_holds_when_live";
+const char* const kControllerList = "controller_list";
 const char* const kLan = "lan";
 // The values of a `routes` entry.
 const char* const kRouteLan = "lan";
@@ -223,6 +224,16 @@ bool SettingsStore::releaseHoldsWhenLive() const
 void SettingsStore::setReleaseHoldsWhenLive(bool release)
 {
     setValue(kReleaseHoldsWhenLive, release);
+}
+
+QJsonArray SettingsStore::controllerList() const
+{
+    return m_doc.value(QLatin1String(kControllerList)).toArray();
+}
+
+void SettingsStore::setControllerList(const QJsonArray& controllers)
+{
+    setValue(kControllerList, controllers);
 }
 
 Route SettingsStore::route(const QString& deviceId) const

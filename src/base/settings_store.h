@@ -3,6 +3,7 @@
 #include "atomic_file.h"
 
 #include <QByteArray>
+#include <QJsonArray>
 #include <QJsonObject>
 #include <QMap>
 #include <QString>
@@ -72,6 +73,11 @@ public:
     // Whether holds end by themselves when the device's data comes back after an outage.
     bool releaseHoldsWhenLive() const;
     void setReleaseHoldsWhenLive(bool release);
+
+    // The scoreboard controllers a device last listed (objects of manufacturer, model, sport,
+    // input_type); empty before any did.
+    QJsonArray controllerList() const;
+    void setControllerList(const QJsonArray& controllers);
 
     // Cloud for a device without an entry.
     Route route(const QString& deviceId) const;

@@ -1,13 +1,14 @@
 #include "manage_dialog.h"
 
 #include "answer_lines.h"
-#include "controller_catalogue.h"
+#include "controller_panel.h"
 #include "panel_style.h"
 
 #include <QComboBox>
 #include <QFormLayout>
 #include <QJsonObject>
 #include <QLabel>
+#include <QLineEdit>
 #include <QPushButton>
 #include <QVBoxLayout>
 
@@ -39,8 +40,9 @@ void addUnique(QComboBox* combo, const QString& text, const QString& value)
 
 } // namespace
 
-ManageDialog::ManageDialog(const QString& deviceId, PortalClient* portal, QWidget* parent)
-    : QDialog(parent), m_deviceId(deviceId), m_portal(portal)
+ManageDialog::ManageDialog(const QString& deviceId, PortalClient* portal,
+                           const QList<ControllerChoice>& controllers, QWidget* parent)
+    : QDialog(parent), m_deviceId(deviceId), m_portal(portal), m_controllers(controllers)
 {
     setWindowTitle(QStringLiteral("Manage %1").arg(deviceId));
     auto* layout = new QVBoxLayout(this);
@@ -54,10 +56,10 @@ ManageDialog::ManageDialog(const QString& deviceId, PortalClient* portal, QWidge
 
     layout->addWidget(new QLabel(QStringLiteral("<b>Scoreboard</b>")));
     auto* form = new QFormLayout;
-    m_manufacturer = addCombo(form, QStringLiteral("Manufacturer"), "manufacturer");
-    m_model = addCombo(form, QStringLiteral("Model"), "model");
-    m_sport = addCombo(form, QStringLiteral("Sport"), "sport");
-    m_inputType = addCombo(form, QStringLiteral("Input type"), "inputType");
+    m_boxes[0] = addCombo(form, QStringLiteral("Manufacturer"), "manufacturer");
+    m_boxes[1] = addCombo(form, QStringLiteral("Model"), "model");
+    m_boxes[2] = addCombo(form, QStringLiteral("Sport"), "sport");
+    m_boxes[3] = addCombo(form, QStringLiteral("Input type"), "inputType");
     layout->addLayout(form);
     fillScoreboardChoices();
     connect(addButton(layout, QStringLiteral("Change scoreboard"), "changeScoreboard"),
@@ -81,22 +83,30 @@ ManageDialog::ManageDialog(const QString& deviceId, PortalClient* portal, QWidge
 
 void ManageDialog::fillScoreboardChoices()
 {
-    for (const ControllerChoice& choice : controllerCatalogue()) {
-        addUnique(m_manufacturer, choice.manufacturer, choice.manufacturer);
-        addUnique(m_sport, controllerWordLabel(choice.sport), choice.sport);
-        addUnique(m_inputType, controllerWordLabel(choice.input_type), choice.input_type);
+    if (m_controllers.isEmpty()) {
+        // No device has listed its controllers yet.
+        for (const QString& maker : builtInMakers())
+            addUnique(m_boxes[0], maker, maker);
+        m_boxes[1]->setEditable(true);
+        m_boxes[1]->lineEdit()->setPlaceholderText(QStringLiteral("As printed on the controller"));
+        for (const QString& sport : knownSports())
+            addUnique(m_boxes[2], controllerWordLabel(sport), sport);
+        for (const QString& input : knownInputTypes())
+            addUnique(m_boxes[3], controllerWordLabel(input), input);
+        return;
     }
-    // The models follow the chosen manufacturer.
-    const auto fillModels = [this] {
-        m_model->clear();
-        const QString manufacturer = m_manufacturer->currentData().toString();
-        for (const ControllerChoice& choice : controllerCatalogue()) {
-            if (choice.manufacturer == manufacturer && m_model->findText(choice.model) < 0)
-                m_model->addItem(choice.model);
-        }
+    // Each choice narrows the ones below it to the combinations the list has.
+    const auto chosen = [this] {
+        ControllerChoice choice;
+        for (int level = 0; level < 4; ++level)
+            setControllerValue(choice, level, m_boxes[level]->currentData().toString());
+        return choice;
     };
-    connect(m_manufacturer, &QComboBox::currentIndexChanged, this, fillModels);
-    fillModels();
+    for (int level = 0; level < 3; ++level)
+        connect(m_boxes[level], &QComboBox::activated, this, [this, level, chosen] {
+            refillControllerChoices(m_boxes, m_controllers, level + 1, chosen());
+        });
+    refillControllerChoices(m_boxes, m_controllers, 0, {});
 }
 
 std::function<void(const PortalResult&)>
@@ -160,11 +170,10 @@ void ManageDialog::changeScoreboard()
     if (!m_portal)
         return;
     waitFor(QStringLiteral("Sending to the device…"));
-    const QJsonObject config{
-        {QStringLiteral("manufacturer"), m_manufacturer->currentData().toString()},
-        {QStringLiteral("model"), m_model->currentText()},
-        {QStringLiteral("sport"), m_sport->currentData().toString()},
-        {QStringLiteral("input_type"), m_inputType->currentData().toString()}};
+    const QJsonObject config{{QStringLiteral("manufacturer"), m_boxes[0]->currentData().toString()},
+                             {QStringLiteral("model"), m_boxes[1]->currentText().trimmed()},
+                             {QStringLiteral("sport"), m_boxes[2]->currentData().toString()},
+                             {QStringLiteral("input_type"), m_boxes[3]->currentData().toString()}};
     m_portal->setConfig(m_deviceId, config, guarded([this](const PortalResult& result) {
                             if (!result.ok)
                                 return showFailure(result);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "controller_catalogue.h"
 #include "portal_client.h"
 
 #include <QDialog>
@@ -19,7 +20,10 @@ class ManageDialog : public QDialog
     Q_OBJECT
 
 public:
-    ManageDialog(const QString& deviceId, PortalClient* portal, QWidget* parent = nullptr);
+    // `controllers`: the list a device last supplied; without one the makers are offered, the
+    // model is typed, and every sport and input type can be picked.
+    ManageDialog(const QString& deviceId, PortalClient* portal,
+                 const QList<ControllerChoice>& controllers = {}, QWidget* parent = nullptr);
 
     // Sends one command to the device; `done` gets the portal's answer after the dialog has
     // shown a failure.
@@ -45,10 +49,9 @@ private:
     QPointer<PortalClient> m_portal;
     QLabel* m_result = nullptr;
     QLabel* m_status = nullptr;
-    QComboBox* m_manufacturer = nullptr;
-    QComboBox* m_model = nullptr;
-    QComboBox* m_sport = nullptr;
-    QComboBox* m_inputType = nullptr;
+    QList<ControllerChoice> m_controllers;
+    // Manufacturer, model, sport and input type.
+    QComboBox* m_boxes[4] = {};
 };
 
 } // namespace vantorelle

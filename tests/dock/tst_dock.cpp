@@ -355,7 +355,8 @@ void TestDock::otherSections()
 }
 
 // [name, device, button, choices made, a portal answer replaced (path: body, or failing status),
-// progress, status line, result (or the scoreboard the portal got), whether that failed]
+// progress, status line, result (or the scoreboard the portal got), whether that failed, the
+// controller list a device supplied (none: the built-in makers)]
 void TestDock::manageDialog_data()
 {
     addRows(R"json([
@@ -366,9 +367,15 @@ void TestDock::manageDialog_data()
 ["restart", "court-1", "restartDevice", {}, {}, "Restarting…", "Restart sent.", ""],
 ["restart offline", "dev-2", "restartDevice", {}, {}, "Restarting…",
  "The device is offline; it will restart when it reconnects.", ""],
-["scoreboard", "court-1", "changeScoreboard", {"manufacturer": "Northgate", "sport": "wrestling",
+["scoreboard", "court-1", "changeScoreboard", {"manufacturer": "NEVCO", "sport": "wrestling",
   "inputType": "rs485"}, {}, "Sending to the device…", "The device accepted the new scoreboard.",
- {"manufacturer": "Northgate", "model": "MPX", "sport": "wrestling", "input_type": "rs485"}],
+ {"manufacturer": "NEVCO", "model": "", "sport": "wrestling", "input_type": "rs485"}],
+["scoreboard from a device's list", "court-1", "changeScoreboard", {"manufacturer": "Acme",
+  "model": "X2"}, {}, "Sending to the device…", "The device accepted the new scoreboard.",
+ {"manufacturer": "Acme", "model": "X2", "sport": "soccer", "input_type": "rs485"}, false,
+ [{"manufacturer": "Acme", "model": "X1", "sport": "hockey", "input_type": "rs232"},
+  {"manufacturer": "Acme", "model": "X2", "sport": "soccer", "input_type": "rs485"},
+  {"manufacturer": "Zed", "model": "Z", "sport": "soccer", "input_type": "wireless"}]],
 ["restart fails", "court-1", "restartDevice", {}, {"/devices/court-1/cmd/reboot": 502},
  "Restarting…", "The Vantorelle service could not reach the live data feed. Try again shortly.",
  "", true],
@@ -388,7 +395,7 @@ void TestDock::manageDialog()
         m_portal->setFailure(path, sim::HttpResponse::json(row[4][path].toObject()));
     else if (!path.isEmpty())
         m_portal->fail(path, row[4][path].toInt());
-    ManageDialog dialog(device, &m_app->portal());
+    ManageDialog dialog(device, &m_app->portal(), controllersFromJson(row[9].toArray()));
     QCOMPARE(dialog.windowTitle(), "Manage " + device);
     fill(&dialog, row[3].toObject());
     click(&dialog, row[2].toString());

@@ -1,5 +1,7 @@
 #include "controller_panel.h"
 
+#include "settings_store.h"
+
 #include <QComboBox>
 #include <QFormLayout>
 #include <QPushButton>
@@ -11,19 +13,6 @@ namespace vantorelle {
 namespace {
 
 constexpr int Levels = 4;
-// The four choices from the top: each narrows the ones below it.
-QString ControllerChoice::*const Fields[Levels] = {
-    &ControllerChoice::manufacturer, &ControllerChoice::model, &ControllerChoice::sport,
-    &ControllerChoice::input_type};
-
-bool matchesAbove(const ControllerChoice& choice, const ControllerChoice& picked, int level)
-{
-    for (int above = 0; above < level; ++above) {
-        if (choice.*Fields[above] != picked.*Fields[above])
-            return false;
-    }
-    return true;
-}
 
 QString describe(const ControllerChoice& choice)
 {
@@ -34,8 +23,9 @@ QString describe(const ControllerChoice& choice)
 
 } // namespace
 
-ControllerPanel::ControllerPanel(DeviceSession* session, QWidget* parent)
-    : AdminPanel(session, "controllerPanel", QStringLiteral("Scoreboard controller"), parent)
+ControllerPanel::ControllerPanel(DeviceSession* session, SettingsStore* settings, QWidget* parent)
+    : AdminPanel(session, "controllerPanel", QStringLiteral("Scoreboard controller"), parent),
+      m_settings(settings)
 {
     static const char* const names[Levels] = {"controllerManufacturer", "controllerModel",
                                               "controllerSport", "controllerInput"};
@@ -67,6 +57,8 @@ void ControllerPanel::load()
                 return;
             }
             m_controllers = controllers;
+            if (m_settings && !controllers.isEmpty())
+                m_settings->setControllerList(controllersToJson(controllers));
             if (!stillConnected())
                 return;
             session()->getControllerConfig(
@@ -101,21 +93,24 @@ ControllerChoice ControllerPanel::chosen() const
     return {values[0], values[1], values[2], values[3]};
 }
 
-void ControllerPanel::refill(int level, ControllerChoice picked)
+void refillControllerChoices(QComboBox* const (&boxes)[4],
+                             const QList<ControllerChoice>& controllers, int level,
+                             ControllerChoice picked)
 {
     for (; level < Levels; ++level) {
-        QComboBox* box = m_boxes[level];
+        QComboBox* box = boxes[level];
         const QSignalBlocker blocker(box);
         box->clear();
-        for (const ControllerChoice& controller : std::as_const(m_controllers)) {
-            const QString value = controller.*Fields[level];
-            if (!matchesAbove(controller, picked, level) || box->findData(value) >= 0)
-                continue;
+        for (const QString& value : controllerOptions(controllers, level, picked))
             box->addItem(level < 2 ? value : controllerWordLabel(value), value);
-        }
-        box->setCurrentIndex(qMax(0, box->findData(picked.*Fields[level])));
-        picked.*Fields[level] = box->currentData().toString();
+        box->setCurrentIndex(qMax(0, box->findData(controllerValue(picked, level))));
+        setControllerValue(picked, level, box->currentData().toString());
     }
+}
+
+void ControllerPanel::refill(int level, ControllerChoice picked)
+{
+    refillControllerChoices(m_boxes, m_controllers, level, picked);
 }
 
 } // namespace vantorelle

@@ -36,7 +36,7 @@ DeviceManager::DeviceManager(App* app, std::shared_ptr<DeviceSession> session, c
     } else {
         m_tabs->addTab(new StatusPanel(driven), QStringLiteral("Status"));
         m_tabs->addTab(new WifiPanel(driven), QStringLiteral("Wi-Fi"));
-        m_tabs->addTab(new ControllerPanel(driven), QStringLiteral("Scoreboard"));
+        m_tabs->addTab(new ControllerPanel(driven, &app->settings()), QStringLiteral("Scoreboard"));
         m_tabs->addTab(new SettingsPanel(driven), QStringLiteral("Settings"));
         m_tabs->addTab(new SecurityPanel(driven, &app->settings()), QStringLiteral("Security"));
         m_tabs->addTab(new FirmwarePanel(driven), QStringLiteral("Firmware"));

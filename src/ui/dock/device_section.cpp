@@ -129,7 +129,8 @@ void DeviceSection::openManageDialog()
     const QString id = currentId();
     if (!m_app->isInAccount(id))
         return;
-    auto* dialog = new ManageDialog(id, &m_app->portal(), this);
+    auto* dialog = new ManageDialog(id, &m_app->portal(),
+                                    controllersFromJson(m_app->settings().controllerList()), this);
     dialog->setAttribute(Qt::WA_DeleteOnClose);
     dialog->show();
 }

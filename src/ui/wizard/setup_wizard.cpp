@@ -171,7 +171,7 @@ void SetupWizard::buildDevicePages()
 {
     DeviceSession* session = m_session.get();
     if (!session->isReceiverMode()) {
-        m_steps << new WifiPanel(session) << new ControllerPanel(session);
+        m_steps << new WifiPanel(session) << new ControllerPanel(session, &m_app->settings());
     }
     m_steps << new WirelessPanel(session);
     if (!session->isReceiverMode()) {
