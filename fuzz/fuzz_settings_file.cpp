@@ -16,6 +16,14 @@ using vantorelle::fuzz::require;
 
 namespace {
 
+QVariantMap textMap(const QMap<QString, QString>& map)
+{
+    QVariantMap variants;
+    for (auto it = map.constBegin(); it != map.constEnd(); ++it)
+        variants.insert(it.key(), it.value());
+    return variants;
+}
+
 // Every read of the store, for the devices in `ids`.
 QJsonObject readAll(const vantorelle::SettingsStore& store, const QStringList& ids)
 {
@@ -40,7 +48,11 @@ QJsonObject readAll(const vantorelle::SettingsStore& store, const QStringList& i
             {"stale", store.staleAfterSeconds()},
             {"routes", routes},
             {"lan", lan},
-            {"lan_ids", QJsonArray::fromStringList(store.lanDeviceIds())}};
+            {"lan_ids", QJsonArray::fromStringList(store.lanDeviceIds())},
+            {"own", QJsonObject::fromVariantMap(textMap(store.operatorFields()))},
+            {"held", QJsonObject::fromVariantMap(textMap(store.heldFields()))},
+            {"release", store.releaseHoldsWhenLive()},
+            {"controllers", store.controllerList()}};
 }
 
 } // namespace

@@ -210,10 +210,8 @@ private Q_SLOTS:
         device.setHelloInfo({{"tunnel", QJsonObject{{"host", "127.0.0.1"}, {"port", 9}}}});
         QVERIFY(device.start());
         UsbLink link(device.portPath(), UsbLinkSettings{50, 2000, 100});
-        auto session = std::make_shared<DeviceSession>();
-        session->setPassword("admin");
-        session->start(&link);
-        QTRY_COMPARE(session->state(), DeviceSession::State::Ready);
+        auto session = test::signedInSession(&link);
+        QVERIFY(session);
         auto app = makeApp();
         QSignalSpy relays(app.get(), &App::usbRelaysChanged);
         app->followSetUpDevice(session, "Bench");

@@ -5,6 +5,9 @@
 
 #include <QDir>
 #include <QJsonDocument>
+#include <QTest>
+
+#include <memory>
 
 namespace vantorelle::test {
 
@@ -23,6 +26,17 @@ inline AppEnvironment testAppEnvironment(const QString& dir, const QString& port
     env.firstUpdateCheckMs = env.updateCheckIntervalMs = 3600000;
     env.sources.pollIntervalMs = 60000;
     return env;
+}
+
+// A session signed in with "admin" to the device on `link`; null when it did not get there.
+inline std::shared_ptr<DeviceSession> signedInSession(DeviceLink* link)
+{
+    auto session = std::make_shared<DeviceSession>();
+    session->setPassword(QStringLiteral("admin"));
+    session->start(link);
+    if (!QTest::qWaitFor([&] { return session->state() == DeviceSession::State::Ready; }))
+        return {};
+    return session;
 }
 
 } // namespace vantorelle::test

@@ -1,3 +1,4 @@
+#include "common/app_support.h"
 #include "common/live_data_support.h"
 #include "device_session.h"
 #include "live_data.h"
@@ -239,10 +240,8 @@ private Q_SLOTS:
             sim::UsbDevice device;
             QVERIFY(device.start());
             UsbLink link(device.portPath(), UsbLinkSettings{50, 300, 100});
-            auto session = std::make_shared<DeviceSession>();
-            session->setPassword("admin");
-            session->start(&link);
-            QTRY_COMPARE(session->state(), DeviceSession::State::Ready);
+            auto session = test::signedInSession(&link);
+            QVERIFY(session);
             Rig rig;
             QVERIFY(rig.signIn());
             rig.manager->useLink(session, "Bench");
@@ -335,10 +334,8 @@ private Q_SLOTS:
         connect(&device, &sim::UsbDevice::controlReceived, this,
                 [&](const QJsonObject& message) { pings += message.value("t") == "ping"; });
         UsbLink link(device.portPath(), UsbLinkSettings{50, 300, 100});
-        auto session = std::make_shared<DeviceSession>();
-        session->setPassword("admin");
-        session->start(&link);
-        QTRY_COMPARE(session->state(), DeviceSession::State::Ready);
+        auto session = test::signedInSession(&link);
+        QVERIFY(session);
         Rig rig;
         SourceManagerSettings settings{20, 1000, 6, {}};
         settings.linkSilenceMs = 500;
