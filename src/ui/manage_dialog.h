@@ -25,6 +25,8 @@ public:
     ManageDialog(const QString& deviceId, PortalClient* portal,
                  const QList<ControllerChoice>& controllers = {}, QWidget* parent = nullptr);
 
+    QString deviceId() const { return m_deviceId; }
+
     // Sends one command to the device; `done` gets the portal's answer after the dialog has
     // shown a failure.
     void run(const QString& command, const QJsonObject& args,

@@ -190,6 +190,8 @@ void TestDock::devicesAndRoutes()
     type({{"routeChoice", int(Route::Lan)}});
     QCOMPARE(text("liveStatus"), "Connecting to Court 1 on your network");
     press("manageDevice");
+    press("manageDevice");
+    QCOMPARE(m_dock->findChildren<ManageDialog*>().size(), 1);
     QCOMPARE(m_dock->findChild<ManageDialog*>()->windowTitle(), "Manage court-1");
 
     type({{"deviceList", "garage"}});
@@ -346,6 +348,8 @@ void TestDock::otherSections()
     QCOMPARE(text("sceneResult"), "Added the text.");
 
     press("setupDevice");
+    press("setupDevice"); // raises the open one
+    QCOMPARE(m_dock->findChildren<SetupWizard*>().size(), 1);
     QPointer<SetupWizard> wizard = m_dock->findChild<SetupWizard*>();
     QVERIFY(wizard && wizard->isVisible());
     wizard->close();

@@ -124,32 +124,56 @@ void DeviceSection::chooseRoute(int index)
     m_app->chooseRoute(currentId(), Route(m_route->itemData(index).toInt()));
 }
 
+namespace {
+
+// Brings an open window to the front; false when there is none.
+bool raiseOpen(QWidget* window)
+{
+    if (!window)
+        return false;
+    window->show();
+    window->raise();
+    window->activateWindow();
+    return true;
+}
+
+// Shows a new window that deletes itself when closed, and keeps track of it.
+template <typename Window> void openTracked(QPointer<Window>& tracked, Window* window)
+{
+    window->setAttribute(Qt::WA_DeleteOnClose);
+    tracked = window;
+    window->show();
+}
+
+} // namespace
+
 void DeviceSection::openManageDialog()
 {
     const QString id = currentId();
     if (!m_app->isInAccount(id))
         return;
-    auto* dialog = new ManageDialog(id, &m_app->portal(),
-                                    controllersFromJson(m_app->settings().controllerList()), this);
-    dialog->setAttribute(Qt::WA_DeleteOnClose);
-    dialog->show();
+    if (m_manageDialog && m_manageDialog->deviceId() != id)
+        m_manageDialog->close(); // another device's: this one takes its place
+    if (!raiseOpen(m_manageDialog))
+        openTracked(m_manageDialog,
+                    new ManageDialog(id, &m_app->portal(),
+                                     controllersFromJson(m_app->settings().controllerList()),
+                                     this));
 }
 
 void DeviceSection::openDeviceManager()
 {
     const SourceManager* sources = m_app->sourceManager();
-    if (!sources->session())
+    if (!sources->session() || raiseOpen(m_deviceManager))
         return;
-    auto* manager = new DeviceManager(m_app, sources->session(), sources->deviceName(), this);
-    manager->setAttribute(Qt::WA_DeleteOnClose);
-    manager->show();
+    openTracked(m_deviceManager,
+                new DeviceManager(m_app, sources->session(), sources->deviceName(), this));
 }
 
 void DeviceSection::openSetupWizard()
 {
-    auto* wizard = new SetupWizard(m_app, {}, this);
-    wizard->setAttribute(Qt::WA_DeleteOnClose);
-    wizard->show();
+    if (!raiseOpen(m_wizard))
+        openTracked(m_wizard, new SetupWizard(m_app, {}, this));
 }
 
 QString DeviceSection::currentId() const

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QPointer>
 #include <QWidget>
 
 class QComboBox;
@@ -9,6 +10,9 @@ class QPushButton;
 namespace vantorelle {
 
 class App;
+class DeviceManager;
+class ManageDialog;
+class SetupWizard;
 
 // Chooses the live-data device (the account's devices and those known only on the local network)
 // and how its data travels, and opens the cloud management of an account device.
@@ -39,6 +43,10 @@ private:
     QPushButton* m_setup = nullptr;
     // Shown while live data comes through a device session (a device set up over USB).
     QPushButton* m_connected = nullptr;
+    // One window per purpose: a second click raises the open one.
+    QPointer<ManageDialog> m_manageDialog;
+    QPointer<DeviceManager> m_deviceManager;
+    QPointer<SetupWizard> m_wizard;
 };
 
 } // namespace vantorelle
