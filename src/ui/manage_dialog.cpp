@@ -123,7 +123,7 @@ void ManageDialog::run(const QString& command, const QJsonObject& args,
                        std::function<void(const PortalResult&)> done)
 {
     if (!m_portal)
-        return;
+        return setActionsEnabled(true);
     m_portal->sendCommand(m_deviceId, command, args,
                           guarded([this, done = std::move(done)](const PortalResult& result) {
                               if (!result.ok)
@@ -142,15 +142,25 @@ QString ManageDialog::statusLines(const PortalResult& result)
 void ManageDialog::waitFor(const QString& text)
 {
     showMessage(m_status, text, MessageKind::Plain);
+    setActionsEnabled(false);
+}
+
+// One command at a time: the buttons wait for the answer.
+void ManageDialog::setActionsEnabled(bool enabled)
+{
+    for (QPushButton* button : findChildren<QPushButton*>())
+        button->setEnabled(enabled);
 }
 
 void ManageDialog::showFailure(const PortalResult& result)
 {
+    setActionsEnabled(true);
     showMessage(m_status, result.message, MessageKind::Failure);
 }
 
 void ManageDialog::showSuccess(const QString& status, const QString& result)
 {
+    setActionsEnabled(true);
     showMessage(m_status, status, MessageKind::Plain);
     if (!result.isNull())
         m_result->setText(result);

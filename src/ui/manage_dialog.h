@@ -41,6 +41,7 @@ private:
     void checkForUpdate();
     void restartDevice();
     void waitFor(const QString& text);
+    void setActionsEnabled(bool enabled);
     void showFailure(const PortalResult& result);
     void showSuccess(const QString& status, const QString& result);
     // Wraps a completion so an answer after the dialog closed is dropped.

@@ -404,7 +404,9 @@ void TestDock::manageDialog()
     fill(&dialog, row[3].toObject());
     click(&dialog, row[2].toString());
     QCOMPARE(shown(&dialog, "status"), row[5].toString());
+    QVERIFY(!child(&dialog, "checkStatus")->isEnabled()); // one command at a time
     QTRY_COMPARE(shown(&dialog, "status"), row[6].toString());
+    QVERIFY(child(&dialog, "checkStatus")->isEnabled());
     QCOMPARE(shownAsFailure(&dialog, "status"), row[8].toBool());
     if (row[7].isObject())
         QCOMPARE(m_portal->deviceConfig(device), row[7].toObject());
