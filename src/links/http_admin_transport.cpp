@@ -162,7 +162,7 @@ QString normaliseDeviceAddress(const QString& typed)
     if (text.isEmpty() || text.contains(QLatin1Char(' ')))
         return {};
 
-    static const QRegularExpression deviceNumber(QStringLiteral("^\\d{1,4}$"));
+    static const QRegularExpression deviceNumber(QStringLiteral("\\A\\d{1,4}\\z"));
     const QString prefix = QString::fromLatin1(HostPrefix);
     if (deviceNumber.match(text).hasMatch())
         return prefix + QStringLiteral("%1.local").arg(text.toInt(), 4, 10, QLatin1Char('0'));

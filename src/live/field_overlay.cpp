@@ -19,7 +19,7 @@ FieldOverlay::FieldOverlay(LiveData* device, QObject* parent) : QObject(parent),
 
 bool FieldOverlay::isValidName(const QString& name)
 {
-    static const QRegularExpression valid(QStringLiteral("^[A-Za-z0-9_]{1,64}$"));
+    static const QRegularExpression valid(QStringLiteral("\\A[A-Za-z0-9_]{1,64}\\z"));
     return valid.match(name).hasMatch();
 }
 

@@ -26,7 +26,7 @@ bool isInsidePath(const QString& path)
 
 bool isDigest(const QString& text)
 {
-    static const QRegularExpression hex(QStringLiteral("^[0-9a-f]{64}$"));
+    static const QRegularExpression hex(QStringLiteral("\\A[0-9a-f]{64}\\z"));
     return text.isEmpty() || hex.match(text).hasMatch();
 }
 

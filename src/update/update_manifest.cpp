@@ -87,7 +87,7 @@ UpdateManifest readPackage(UpdateManifest manifest, const QJsonObject& root,
                       QStringLiteral("Version %1 is out, but not available for this computer yet.")
                           .arg(manifest.version));
 
-    static const QRegularExpression hexDigest(QStringLiteral("^[0-9a-f]{64}$"));
+    static const QRegularExpression hexDigest(QStringLiteral("\\A[0-9a-f]{64}\\z"));
     manifest.package.url = package.value(QLatin1String("url")).toString();
     manifest.package.sha256 = package.value(QLatin1String("sha256")).toString().toLower();
     manifest.package.size = packageSize(package.value(QLatin1String("size")));

@@ -205,7 +205,8 @@ private Q_SLOTS:
     {
         LiveData live;
         FieldOverlay shown(&live);
-        for (const QString& bad : QStringList{"", "home score", "h\u00e9", "{x}", QString(65, 'a')})
+        for (const QString& bad :
+             QStringList{"", "home score", "h\u00e9", "{x}", "home\n", QString(65, 'a')})
             QVERIFY2(!shown.setField(bad, "1") && !shown.hold(bad, "1"), qPrintable(bad));
         QVERIFY(shown.setField(QString(64, 'a'), QString(1000, 'x')));
         QVERIFY(!shown.setField("long", QString(1001, 'x')));

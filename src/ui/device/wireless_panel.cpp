@@ -182,7 +182,8 @@ void WirelessPanel::sendToReceiver()
     if (isForReceiver() || !canStart())
         return;
     // Six pairs of hex digits, with ":" or "-" between them; sent with ":" in capitals.
-    static const QRegularExpression mac(QStringLiteral("^[0-9A-Fa-f]{2}([:-][0-9A-Fa-f]{2}){5}$"));
+    static const QRegularExpression mac(
+        QStringLiteral("\\A[0-9A-Fa-f]{2}([:-][0-9A-Fa-f]{2}){5}\\z"));
     const QString peer = m_peer->text().trimmed().toUpper().replace(u'-', u':');
     if (peer.isEmpty()) {
         fail(QStringLiteral("Type the receiver's address."));
