@@ -157,43 +157,38 @@ void FieldOverlay::refresh()
     Q_EMIT changed();
 }
 
+// Reads go to the merged view that refresh() keeps, built once per change.
+
 QStringList FieldOverlay::fieldNames() const
 {
-    return fields().keys();
+    QMutexLocker lock(&m_mutex);
+    return m_shown.keys();
 }
 
 QString FieldOverlay::value(const QString& name) const
 {
-    {
-        QMutexLocker lock(&m_mutex);
-        if (const auto held = m_holds.constFind(name); held != m_holds.constEnd())
-            return *held;
-        if (const auto own = m_fields.constFind(name); own != m_fields.constEnd())
-            return *own;
-    }
-    return m_device->value(name);
+    QMutexLocker lock(&m_mutex);
+    return m_shown.value(name);
 }
 
 QMap<QString, QString> FieldOverlay::fields() const
 {
-    const QMap<QString, QString> device = m_device->fields();
     QMutexLocker lock(&m_mutex);
-    return merge(device);
+    return m_shown;
 }
 
 QString FieldOverlay::sport() const
 {
-    return m_device->sport();
-}
-
-QJsonObject FieldOverlay::toJson() const
-{
-    return snapshotObject(m_device->sport(), fields(), m_device->source(), m_device->updatedAt());
+    QMutexLocker lock(&m_mutex);
+    return m_shownSport;
 }
 
 QByteArray FieldOverlay::toJsonLine() const
 {
-    return snapshotLine(m_device->sport(), fields(), m_device->source(), m_device->updatedAt());
+    const QString source = m_device->source();
+    const QDateTime updatedAt = m_device->updatedAt();
+    QMutexLocker lock(&m_mutex);
+    return snapshotLine(m_shownSport, m_shown, source, updatedAt);
 }
 
 } // namespace vantorelle

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <QByteArray>
-#include <QJsonObject>
 #include <QMap>
 #include <QMutex>
 #include <QObject>
@@ -50,7 +49,6 @@ public:
     QString value(const QString& name) const;
     QMap<QString, QString> fields() const;
     QString sport() const;
-    QJsonObject toJson() const;
     QByteArray toJsonLine() const;
 
 Q_SIGNALS:
@@ -73,7 +71,7 @@ private:
     mutable QMutex m_mutex;
     QMap<QString, QString> m_fields;
     QMap<QString, QString> m_holds;
-    QMap<QString, QString> m_shown; // the merged fields and sport last signalled
+    QMap<QString, QString> m_shown; // the merged fields and sport, as last signalled
     QString m_shownSport;
 };
 

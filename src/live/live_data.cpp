@@ -214,6 +214,27 @@ void LiveData::setSource(const QString& text)
     Q_EMIT sourceChanged();
 }
 
+namespace {
+
+QString updatedAtText(const QDateTime& updatedAt)
+{
+    return updatedAt.isValid() ? updatedAt.toUTC().toString(Qt::ISODateWithMs) : QString();
+}
+
+QJsonObject snapshotObject(const QString& sport, const QMap<QString, QString>& fields,
+                           const QString& source, const QDateTime& updatedAt)
+{
+    QJsonObject fieldObject;
+    for (auto it = fields.constBegin(); it != fields.constEnd(); ++it)
+        fieldObject.insert(it.key(), it.value());
+    return {{QStringLiteral("sport"), sport},
+            {QStringLiteral("fields"), fieldObject},
+            {QStringLiteral("source"), source},
+            {QStringLiteral("updated_at"), updatedAtText(updatedAt)}};
+}
+
+} // namespace
+
 QMap<QString, QString> LiveData::fields() const
 {
     QMutexLocker lock(&m_mutex);
@@ -230,27 +251,6 @@ QByteArray LiveData::toJsonLine() const
 {
     QMutexLocker lock(&m_mutex);
     return snapshotLine(m_sport, m_fields, m_source, m_updatedAt);
-}
-
-namespace {
-
-QString updatedAtText(const QDateTime& updatedAt)
-{
-    return updatedAt.isValid() ? updatedAt.toUTC().toString(Qt::ISODateWithMs) : QString();
-}
-
-} // namespace
-
-QJsonObject snapshotObject(const QString& sport, const QMap<QString, QString>& fields,
-                           const QString& source, const QDateTime& updatedAt)
-{
-    QJsonObject fieldObject;
-    for (auto it = fields.constBegin(); it != fields.constEnd(); ++it)
-        fieldObject.insert(it.key(), it.value());
-    return {{QStringLiteral("sport"), sport},
-            {QStringLiteral("fields"), fieldObject},
-            {QStringLiteral("source"), source},
-            {QStringLiteral("updated_at"), updatedAtText(updatedAt)}};
 }
 
 QByteArray snapshotLine(const QString& sport, const QMap<QString, QString>& fields,

@@ -59,8 +59,5 @@ private:
 // fields, source, updated_at (ISO 8601 UTC with milliseconds, empty when never updated).
 QByteArray snapshotLine(const QString& sport, const QMap<QString, QString>& fields,
                         const QString& source, const QDateTime& updatedAt);
-// The same snapshot as an object.
-QJsonObject snapshotObject(const QString& sport, const QMap<QString, QString>& fields,
-                           const QString& source, const QDateTime& updatedAt);
 
 } // namespace vantorelle

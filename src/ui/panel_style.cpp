@@ -56,16 +56,6 @@ void setMessageKind(QLabel* label, MessageKind kind)
     label->style()->polish(label);
 }
 
-MessageKind messageKind(const QLabel* label)
-{
-    const QString id = label->property("themeID").toString();
-    for (const KindNames& names : kKinds) {
-        if (id == QLatin1String(names.themeId))
-            return names.kind;
-    }
-    return MessageKind::Plain;
-}
-
 void showMessage(QLabel* label, const QString& text, bool failure)
 {
     showMessage(label, text, failure ? MessageKind::Failure : MessageKind::Plain);

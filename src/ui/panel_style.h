@@ -23,7 +23,6 @@ enum class MessageKind
 void setThemedByHost(bool themed);
 // Marks `label` as a message of `kind` and restyles it.
 void setMessageKind(QLabel* label, MessageKind kind);
-MessageKind messageKind(const QLabel* label);
 
 // A word-wrapped label for a narrow dock column.
 QLabel* wrappedLabel(const QString& objectName, QWidget* parent = nullptr);
