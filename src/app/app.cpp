@@ -1,6 +1,7 @@
 #include "app.h"
 
 #include "address_override.h"
+#include "ble_link.h"
 #include "cloud_relay.h"
 #include "device_session.h"
 #include "hosted_server.h"
@@ -12,6 +13,7 @@
 #include <QDateTime>
 #include <QEventLoop>
 #include <QJsonArray>
+#include <QJsonDocument>
 
 #include <algorithm>
 #include <atomic>
@@ -24,6 +26,14 @@ namespace vantorelle {
 namespace {
 
 std::atomic<App*> s_instance{nullptr};
+
+QJsonObject textObject(const QMap<QString, QString>& map)
+{
+    QJsonObject json;
+    for (auto it = map.constBegin(); it != map.constEnd(); ++it)
+        json.insert(it.key(), it.value());
+    return json;
+}
 
 QString portalAddress(const AppEnvironment& environment)
 {
@@ -67,6 +77,9 @@ App::App(const AppEnvironment& environment, QObject* parent)
     SourceManagerSettings sources = sourceSettings(environment);
     sources.staleAfterMs = m_settings.staleAfterSeconds() * 1000;
     m_sourceManager = new SourceManager(&m_portal, &m_live, sources, this);
+    m_usbSettings = environment.usb;
+    m_sessionSettings = environment.session;
+    m_bluetooth = environment.bluetooth;
 
     m_fields.restore(m_settings.operatorFields(), m_settings.heldFields());
     connect(&m_fields, &FieldOverlay::operatorChanged, this, [this] {
@@ -166,10 +179,12 @@ void App::restoreSignIn()
 }
 
 // A device on the local network never needs the account: follow it straight away.
+// A device reached without the cloud starts at once, signed in or not.
 void App::startLocalDevice()
 {
     const QString id = m_settings.selectedDevice();
-    if (!id.isEmpty() && m_settings.route(id) == Route::Lan && m_settings.lanEntry(id).usable())
+    const Route route = m_settings.route(id);
+    if (!id.isEmpty() && route != Route::Cloud && routesOf(id).contains(route))
         selectDevice(id);
 }
 
@@ -201,9 +216,10 @@ void App::restoreSelection()
     }
     if (chosen.isEmpty() && m_devices.size() == 1)
         chosen = m_devices.first().id;
-    // A local device followed since start-up keeps its feed rather than reconnecting.
+    // A local device followed since start-up keeps its feed or link rather than reconnecting.
     const bool alreadyFollowed =
-        chosen == m_followed && m_sourceManager->mode() == SourceManager::Mode::Network;
+        chosen == m_followed && (m_sourceManager->mode() == SourceManager::Mode::Network ||
+                                 m_sourceManager->mode() == SourceManager::Mode::Link);
     if (!chosen.isEmpty() && !alreadyFollowed)
         selectDevice(chosen);
 }
@@ -287,8 +303,11 @@ QString App::deviceName(const QString& id) const
         if (device.id == id && !device.name.isEmpty())
             return device.name;
     }
-    const QString lanName = m_settings.lanEntry(id).name;
-    return lanName.isEmpty() ? id : lanName;
+    for (const QString& name : {m_settings.lanEntry(id).name, m_settings.linkEntry(id).name}) {
+        if (!name.isEmpty())
+            return name;
+    }
+    return id;
 }
 
 void App::selectDevice(const QString& id)
@@ -296,10 +315,53 @@ void App::selectDevice(const QString& id)
     m_settings.setSelectedDevice(id);
     m_followed = id;
     const LanEntry lan = m_settings.lanEntry(id);
-    if (m_settings.route(id) == Route::Lan && lan.usable())
+    const Route route = m_settings.route(id);
+    if (route == Route::Lan && lan.usable())
         m_sourceManager->useLan(lan.host, lan.token, deviceName(id));
+    else if ((route == Route::Usb || route == Route::Bluetooth) && routesOf(id).contains(route))
+        openLinkRoute(id, route);
     else
         m_sourceManager->useCloud(id, deviceName(id));
+}
+
+// Opens the device's cable or Bluetooth link in a session of its own, as the setup wizard did.
+// Live data arrives on the link whether or not the session signs in; the session's password is
+// the default one, and the device manager asks for another when the device has one.
+void App::openLinkRoute(const QString& id, Route route)
+{
+    const SourceManager::Mode mode = m_sourceManager->mode();
+    const std::shared_ptr<DeviceSession> current = m_sourceManager->session();
+    const QString kind = route == Route::Usb ? QStringLiteral("usb") : QStringLiteral("ble");
+    // The link the wizard just handed over is this very route: keep it rather than reopen.
+    if (mode == SourceManager::Mode::Link && current && current->link() &&
+        current->link()->kind() == kind && linkDeviceId(*current) == id)
+        return;
+    const LinkEntry entry = m_settings.linkEntry(id);
+    DeviceLink* link = nullptr;
+    if (route == Route::Usb)
+        link = new UsbLink(entry.usbPort, m_usbSettings);
+    else
+        link = new BleLink(entry.bleAddress, entry.name, {}, m_bluetooth);
+    std::shared_ptr<DeviceSession> session(new DeviceSession(m_sessionSettings),
+                                           [](DeviceSession* s) { s->deleteLater(); });
+    link->setParent(session.get());
+    if (auto* usb = qobject_cast<UsbLink*>(link))
+        addRelay(usb->cloudRelay());
+    m_sourceManager->useLink(session, deviceName(id));
+    session->start(link);
+}
+
+QString App::linkDeviceId(const DeviceSession& session)
+{
+    const QString id = session.deviceInfo().value(QLatin1String("device_id")).toString();
+    if (!id.isEmpty())
+        return id;
+    // A wireless receiver names no device of its own.
+    if (const auto* usb = qobject_cast<const UsbLink*>(session.link()))
+        return QStringLiteral("usb:") + usb->portName();
+    if (const auto* ble = qobject_cast<const BleLink*>(session.link()))
+        return QStringLiteral("ble:") + ble->address();
+    return {};
 }
 
 void App::reconnect()
@@ -331,10 +393,13 @@ void App::onSourceStatusChanged()
 QList<DeviceEntry> App::choosableDevices() const
 {
     QList<DeviceEntry> choosable = m_devices;
-    for (const QString& id : m_settings.lanDeviceIds()) {
-        const LanEntry lan = m_settings.lanEntry(id);
-        if (lan.usable() && !isInAccount(id))
-            choosable.append({id, lan.name, {}});
+    const auto listed = [&choosable](const QString& id) {
+        return std::any_of(choosable.cbegin(), choosable.cend(),
+                           [&](const DeviceEntry& d) { return d.id == id; });
+    };
+    for (const QString& id : m_settings.lanDeviceIds() + m_settings.linkDeviceIds()) {
+        if (!listed(id) && !routesOf(id).isEmpty())
+            choosable.append({id, deviceName(id), {}});
     }
     return choosable;
 }
@@ -350,8 +415,15 @@ QList<Route> App::routesOf(const QString& id) const
     QList<Route> routes;
     if (isInAccount(id))
         routes << Route::Cloud;
-    if (!id.isEmpty() && m_settings.lanEntry(id).usable())
+    if (id.isEmpty())
+        return routes;
+    if (m_settings.lanEntry(id).usable())
         routes << Route::Lan;
+    const LinkEntry link = m_settings.linkEntry(id);
+    if (!link.usbPort.isEmpty())
+        routes << Route::Usb;
+    if (!link.bleAddress.isEmpty())
+        routes << Route::Bluetooth;
     return routes;
 }
 
@@ -375,11 +447,28 @@ void App::chooseRoute(const QString& id, Route route)
 
 void App::followSetUpDevice(const std::shared_ptr<DeviceSession>& session, const QString& name)
 {
+    const QString id = linkDeviceId(*session);
+    bool overLink = false;
     if (auto* usb = qobject_cast<UsbLink*>(session->link())) {
         m_settings.setLastUsbPort(usb->portName());
         addRelay(usb->cloudRelay());
+        if (!id.isEmpty()) {
+            m_settings.setUsbLink(id, usb->portName(), name);
+            m_settings.setRoute(id, Route::Usb);
+            overLink = true;
+        }
+    } else if (auto* ble = qobject_cast<BleLink*>(session->link()); ble && !id.isEmpty()) {
+        m_settings.setBluetoothLink(id, ble->address(), name);
+        m_settings.setRoute(id, Route::Bluetooth);
+        overLink = true;
     }
     m_sourceManager->useLink(session, name);
+    // A device on the network keeps today's selection: its feed is chosen through its route.
+    if (overLink) {
+        m_settings.setSelectedDevice(id);
+        m_followed = id;
+        Q_EMIT devicesChanged();
+    }
 }
 
 void App::applyServerSettings()
@@ -495,11 +584,46 @@ QJsonObject App::holdRequest(const QString& op, const QJsonObject& request)
     } else {
         m_fields.releaseAll();
     }
-    QJsonObject holds;
-    const QMap<QString, QString> held = m_fields.holds();
-    for (auto it = held.constBegin(); it != held.constEnd(); ++it)
-        holds.insert(it.key(), it.value());
-    return {{QStringLiteral("holds"), holds}};
+    return {{QStringLiteral("holds"), textObject(m_fields.holds())}};
+}
+
+QJsonObject App::handleVendorRequest(const QString& type, const QJsonObject& request)
+{
+    static const QMap<QString, QString> kServerOps{{QStringLiteral("GetStatus"), "status"},
+                                                   {QStringLiteral("ListDevices"), "devices"},
+                                                   {QStringLiteral("UseDevice"), "use"}};
+    if (kServerOps.contains(type))
+        return handleServerRequest(kServerOps.value(type), request);
+    if (type == QLatin1String("GetSnapshot"))
+        return QJsonDocument::fromJson(m_fields.toJsonLine()).object();
+    const QString field = request.value(QLatin1String("field")).toString();
+    if (type == QLatin1String("SetOperatorField")) {
+        const QJsonValue value = request.value(QLatin1String("value"));
+        if (!value.isString() && !value.isDouble())
+            return {{QStringLiteral("ok"), false}, {QStringLiteral("error"), "bad_value"}};
+        const QString text = LiveData::valueText(value);
+        const bool hold = request.value(QLatin1String("hold")).toBool();
+        if (!(hold ? m_fields.hold(field, text) : m_fields.setField(field, text)))
+            return {{QStringLiteral("ok"), false}, {QStringLiteral("error"), "bad_field"}};
+        return operatorFieldsReply();
+    }
+    if (type == QLatin1String("ReleaseOperatorField")) {
+        if (field.isEmpty())
+            m_fields.releaseAll();
+        else if (m_fields.holds().contains(field))
+            m_fields.release(field);
+        else
+            m_fields.removeField(field);
+        return operatorFieldsReply();
+    }
+    return {{QStringLiteral("ok"), false}, {QStringLiteral("error"), "unknown_request"}};
+}
+
+// The operator's own fields and the holds, as the field requests answer them.
+QJsonObject App::operatorFieldsReply() const
+{
+    return {{QStringLiteral("fields"), textObject(m_fields.operatorFields())},
+            {QStringLiteral("holds"), textObject(m_fields.holds())}};
 }
 
 } // namespace vantorelle

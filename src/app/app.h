@@ -6,6 +6,7 @@
 #include "portal_client.h"
 #include "settings_store.h"
 #include "source_manager.h"
+#include "usb_link.h"
 
 #include <QJsonObject>
 #include <QList>
@@ -19,6 +20,7 @@
 
 namespace vantorelle {
 
+class BleHelperBridge;
 class CloudRelay;
 class DeviceSession;
 class HostedServer;
@@ -58,6 +60,11 @@ struct AppEnvironment
     int updateCheckIntervalMs = 86400000;
     // Cloud polling pace and where the local network feed connects.
     SourceManagerSettings sources;
+    // How a restored USB or Bluetooth route opens its link and session; a null bridge is the
+    // plug-in's Bluetooth helper.
+    UsbLinkSettings usb;
+    DeviceSessionSettings session;
+    BleHelperBridge* bluetooth = nullptr;
 };
 
 // The plug-in's one application object, alive from module load to unload. Everything on the UI
@@ -100,18 +107,22 @@ public:
     // Makes a device the live-data device and remembers it.
     void selectDevice(const QString& id);
     // The devices one can choose for live data: the account's, then the ones set up on this
-    // computer's network that the account does not hold (those never need the account).
+    // computer (its network, a USB cable, Bluetooth) that the account does not hold (those never
+    // need the account).
     QList<DeviceEntry> choosableDevices() const;
     bool isInAccount(const QString& id) const;
     // The routes a device can take: the cloud while it is in the account, the local network
-    // while it has a usable entry. Empty for an unknown device.
+    // while it has a usable entry, USB and Bluetooth once it was set up through them. Empty for
+    // an unknown device.
     QList<Route> routesOf(const QString& id) const;
     // Chooses a device for live data; it keeps its route only while it can still take it.
     void chooseDevice(const QString& id);
     // Chooses how a device's live data comes, and follows it.
     void chooseRoute(const QString& id, Route route);
     // Live data now follows a device set up in a session of its own (the setup wizard's): the
-    // source manager keeps the session, and a USB port is remembered and its relay shared.
+    // source manager keeps the session, and a USB port is remembered and its relay shared. A
+    // device on USB or Bluetooth becomes the selected device with that route, so that the next
+    // start opens the same link again.
     void followSetUpDevice(const std::shared_ptr<DeviceSession>& session, const QString& name);
     // The name status texts use: the portal nickname, else the network entry's name, else the id.
     QString deviceName(const QString& id) const;
@@ -122,6 +133,10 @@ public:
     void applyServerSettings();
     // Answers one request of a sharing-server client.
     QJsonObject handleServerRequest(const QString& op, const QJsonObject& request);
+    // Answers one request that remote-control programs send through OBS's websocket:
+    // "GetSnapshot", "GetStatus", "ListDevices", "UseDevice" {"device"}, "SetOperatorField"
+    // {"field", "value", "hold"} and "ReleaseOperatorField" {"field"} (every hold without one).
+    QJsonObject handleVendorRequest(const QString& type, const QJsonObject& request);
 
     // A USB link's cloud relay now shares (or may share) this computer's internet.
     void addRelay(CloudRelay* relay);
@@ -145,8 +160,12 @@ private:
     void restoreSelection();
     void restoreSignIn();
     void startLocalDevice();
+    void openLinkRoute(const QString& id, Route route);
+    // The id a device set up over a link is kept under: its own, else one made from the link.
+    static QString linkDeviceId(const DeviceSession& session);
     void onSourceStatusChanged();
     QJsonObject holdRequest(const QString& op, const QJsonObject& request);
+    QJsonObject operatorFieldsReply() const;
 
     PortalClient m_portal;
     LiveData m_live;
@@ -165,6 +184,9 @@ private:
     QList<QPointer<CloudRelay>> m_relays;
     // The device last handed to the source manager.
     QString m_followed;
+    UsbLinkSettings m_usbSettings;
+    DeviceSessionSettings m_sessionSettings;
+    BleHelperBridge* m_bluetooth = nullptr;
     // The route was live and fresh at its last status change.
     bool m_wasFresh = false;
 };

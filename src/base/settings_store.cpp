@@ -25,9 +25,10 @@ const char* const kHeldFields = "held_fields";
 const char* const kReleaseHoldsWhenLive = "release_holds_when_live";
 const char* const kControllerList = "controller_list";
 const char* const kLan = "lan";
-// The values of a `routes` entry.
-const char* const kRouteLan = "lan";
-const char* const kRouteCloud = "cloud";
+const char* const kLinks = "links";
+
+// The values of a `routes` entry, by Route.
+const char* const kRouteNames[] = {"cloud", "lan", "usb", "ble"};
 
 } // namespace
 
@@ -238,13 +239,17 @@ void SettingsStore::setControllerList(const QJsonArray& controllers)
 
 Route SettingsStore::route(const QString& deviceId) const
 {
-    const QJsonValue route = m_doc.value(QLatin1String(kRoutes)).toObject().value(deviceId);
-    return route.toString() == QLatin1String(kRouteLan) ? Route::Lan : Route::Cloud;
+    const QString name = m_doc.value(QLatin1String(kRoutes)).toObject().value(deviceId).toString();
+    for (const Route route : {Route::Lan, Route::Usb, Route::Bluetooth}) {
+        if (name == QLatin1String(kRouteNames[int(route)]))
+            return route;
+    }
+    return Route::Cloud;
 }
 
 void SettingsStore::setRoute(const QString& deviceId, Route route)
 {
-    setInner(kRoutes, deviceId, QLatin1String(route == Route::Lan ? kRouteLan : kRouteCloud));
+    setInner(kRoutes, deviceId, QLatin1String(kRouteNames[int(route)]));
 }
 
 LanEntry SettingsStore::lanEntry(const QString& deviceId) const
@@ -270,6 +275,42 @@ void SettingsStore::setLanEntry(const QString& deviceId, const QString& host, co
 QStringList SettingsStore::lanDeviceIds() const
 {
     return m_doc.value(QLatin1String(kLan)).toObject().keys();
+}
+
+LinkEntry SettingsStore::linkEntry(const QString& deviceId) const
+{
+    const QJsonObject entry =
+        m_doc.value(QLatin1String(kLinks)).toObject().value(deviceId).toObject();
+    auto text = [&](const char* key) {
+        const QJsonValue v = entry.value(QLatin1String(key));
+        return v.isString() ? v.toString() : QString();
+    };
+    return {text("usb_port"), text("ble_address"), text("name")};
+}
+
+void SettingsStore::setUsbLink(const QString& deviceId, const QString& port, const QString& name)
+{
+    setLinkMember(deviceId, "usb_port", port, name);
+}
+
+void SettingsStore::setBluetoothLink(const QString& deviceId, const QString& address,
+                                     const QString& name)
+{
+    setLinkMember(deviceId, "ble_address", address, name);
+}
+
+void SettingsStore::setLinkMember(const QString& deviceId, const char* member, const QString& value,
+                                  const QString& name)
+{
+    QJsonObject entry = m_doc.value(QLatin1String(kLinks)).toObject().value(deviceId).toObject();
+    entry.insert(QLatin1String(member), value);
+    entry.insert(QStringLiteral("name"), name);
+    setInner(kLinks, deviceId, entry);
+}
+
+QStringList SettingsStore::linkDeviceIds() const
+{
+    return m_doc.value(QLatin1String(kLinks)).toObject().keys();
 }
 
 } // namespace vantorelle

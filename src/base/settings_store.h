@@ -10,12 +10,15 @@
 
 namespace vantorelle {
 
-// Where a device's live data comes from when it is chosen: the portal's state poll, or the
-// device's own feed on the local network. Kept per device as "cloud" or "lan".
+// Where a device's live data comes from when it is chosen: the portal's state poll, the device's
+// own feed on the local network, or a USB cable or Bluetooth link to a device set up on this
+// computer. Kept per device as "cloud", "lan", "usb" or "ble".
 enum class Route
 {
     Cloud,
-    Lan
+    Lan,
+    Usb,
+    Bluetooth
 };
 
 // How one device is reached on the local network.
@@ -27,6 +30,15 @@ struct LanEntry
 
     // An entry without both an address and a token cannot carry live data.
     bool usable() const { return !host.isEmpty() && !token.isEmpty(); }
+};
+
+// How a device set up on this computer is reached over a cable or Bluetooth; empty where it was
+// not set up that way.
+struct LinkEntry
+{
+    QString usbPort;
+    QString bleAddress;
+    QString name;
 };
 
 // The user's choices, kept in memory as one JSON object and saved whole after every change.
@@ -87,6 +99,13 @@ public:
                      const QString& name);
     // Every device id that has a `lan` entry, in key order.
     QStringList lanDeviceIds() const;
+    // The USB port or Bluetooth address a device was last set up through ("links"); setting one
+    // keeps the other.
+    LinkEntry linkEntry(const QString& deviceId) const;
+    void setUsbLink(const QString& deviceId, const QString& port, const QString& name);
+    void setBluetoothLink(const QString& deviceId, const QString& address, const QString& name);
+    // Every device id that has a `links` entry, in key order.
+    QStringList linkDeviceIds() const;
 
     // What a save writes: the whole document.
     QByteArray fileBytes() const;
@@ -102,6 +121,8 @@ private:
     QMap<QString, QString> textMap(const char* key) const;
     void setTextMap(const char* key, const QMap<QString, QString>& map);
     void setInner(const char* key, const QString& deviceId, const QJsonValue& value);
+    void setLinkMember(const QString& deviceId, const char* member, const QString& value,
+                       const QString& name);
     void save() const;
 
     QString m_path;

@@ -3,6 +3,7 @@
 #include "answer_lines.h"
 #include "controller_panel.h"
 #include "panel_style.h"
+#include "ui_text.h"
 
 #include <QComboBox>
 #include <QFormLayout>
@@ -44,31 +45,30 @@ ManageDialog::ManageDialog(const QString& deviceId, PortalClient* portal,
                            const QList<ControllerChoice>& controllers, QWidget* parent)
     : QDialog(parent), m_deviceId(deviceId), m_portal(portal), m_controllers(controllers)
 {
-    setWindowTitle(QStringLiteral("Manage %1").arg(deviceId));
+    setWindowTitle(uiText("Manage.Title").arg(deviceId));
     auto* layout = new QVBoxLayout(this);
 
-    auto* intro = new QLabel(QStringLiteral(
-        "These actions reach the device through your Vantorelle account, so it must be online."));
+    auto* intro = new QLabel(uiText("Manage.Intro"));
     intro->setWordWrap(true);
     layout->addWidget(intro);
-    connect(addButton(layout, QStringLiteral("Check device status"), "checkStatus"),
-            &QPushButton::clicked, this, &ManageDialog::checkStatus);
+    connect(addButton(layout, uiText("Manage.CheckStatus"), "checkStatus"), &QPushButton::clicked,
+            this, &ManageDialog::checkStatus);
 
-    layout->addWidget(new QLabel(QStringLiteral("<b>Scoreboard</b>")));
+    layout->addWidget(heading(uiText("Manage.Scoreboard")));
     auto* form = new QFormLayout;
-    m_boxes[0] = addCombo(form, QStringLiteral("Manufacturer"), "manufacturer");
-    m_boxes[1] = addCombo(form, QStringLiteral("Model"), "model");
-    m_boxes[2] = addCombo(form, QStringLiteral("Sport"), "sport");
-    m_boxes[3] = addCombo(form, QStringLiteral("Input type"), "inputType");
+    m_boxes[0] = addCombo(form, uiText("Manage.Manufacturer"), "manufacturer");
+    m_boxes[1] = addCombo(form, uiText("Manage.Model"), "model");
+    m_boxes[2] = addCombo(form, uiText("Manage.Sport"), "sport");
+    m_boxes[3] = addCombo(form, uiText("Manage.InputType"), "inputType");
     layout->addLayout(form);
     fillScoreboardChoices();
-    connect(addButton(layout, QStringLiteral("Change scoreboard"), "changeScoreboard"),
+    connect(addButton(layout, uiText("Manage.ChangeScoreboard"), "changeScoreboard"),
             &QPushButton::clicked, this, &ManageDialog::changeScoreboard);
 
-    connect(addButton(layout, QStringLiteral("Check for update"), "checkUpdate"),
-            &QPushButton::clicked, this, &ManageDialog::checkForUpdate);
-    connect(addButton(layout, QStringLiteral("Restart device"), "restartDevice"),
-            &QPushButton::clicked, this, &ManageDialog::restartDevice);
+    connect(addButton(layout, uiText("Manage.CheckUpdate"), "checkUpdate"), &QPushButton::clicked,
+            this, &ManageDialog::checkForUpdate);
+    connect(addButton(layout, uiText("Manage.Restart"), "restartDevice"), &QPushButton::clicked,
+            this, &ManageDialog::restartDevice);
 
     m_status = new QLabel;
     m_status->setObjectName(QStringLiteral("status"));
@@ -77,6 +77,7 @@ ManageDialog::ManageDialog(const QString& deviceId, PortalClient* portal,
     m_result = new QLabel;
     m_result->setObjectName(QStringLiteral("result"));
     m_result->setWordWrap(true);
+    m_result->setTextFormat(Qt::PlainText); // the device's answer, never markup
     m_result->setTextInteractionFlags(Qt::TextSelectableByMouse);
     layout->addWidget(m_result);
 }
@@ -88,7 +89,7 @@ void ManageDialog::fillScoreboardChoices()
         for (const QString& maker : builtInMakers())
             addUnique(m_boxes[0], maker, maker);
         m_boxes[1]->setEditable(true);
-        m_boxes[1]->lineEdit()->setPlaceholderText(QStringLiteral("As printed on the controller"));
+        m_boxes[1]->lineEdit()->setPlaceholderText(uiText("Manage.ModelPlaceholder"));
         for (const QString& sport : knownSports())
             addUnique(m_boxes[2], controllerWordLabel(sport), sport);
         for (const QString& input : knownInputTypes())
@@ -136,7 +137,7 @@ void ManageDialog::run(const QString& command, const QJsonObject& args,
 QString ManageDialog::statusLines(const PortalResult& result)
 {
     const QString lines = answerLines(result.data);
-    return lines.isEmpty() ? QStringLiteral("The device answered.") : lines;
+    return lines.isEmpty() ? uiText("Manage.Answered") : lines;
 }
 
 void ManageDialog::waitFor(const QString& text)
@@ -168,10 +169,10 @@ void ManageDialog::showSuccess(const QString& status, const QString& result)
 
 void ManageDialog::checkStatus()
 {
-    waitFor(QStringLiteral("Asking the device…"));
+    waitFor(uiText("Manage.Asking"));
     run(QStringLiteral("get_status"), {}, [this](const PortalResult& result) {
         if (result.ok)
-            showSuccess(QStringLiteral("Status received."), statusLines(result));
+            showSuccess(uiText("Manage.StatusReceived"), statusLines(result));
     });
 }
 
@@ -179,7 +180,7 @@ void ManageDialog::changeScoreboard()
 {
     if (!m_portal)
         return;
-    waitFor(QStringLiteral("Sending to the device…"));
+    waitFor(uiText("Manage.Sending"));
     const QJsonObject config{{QStringLiteral("manufacturer"), m_boxes[0]->currentData().toString()},
                              {QStringLiteral("model"), m_boxes[1]->currentText().trimmed()},
                              {QStringLiteral("sport"), m_boxes[2]->currentData().toString()},
@@ -187,30 +188,27 @@ void ManageDialog::changeScoreboard()
     m_portal->setConfig(m_deviceId, config, guarded([this](const PortalResult& result) {
                             if (!result.ok)
                                 return showFailure(result);
-                            showSuccess(QStringLiteral("The device accepted the new scoreboard."),
-                                        QString());
+                            showSuccess(uiText("Manage.ScoreboardAccepted"), QString());
                         }));
 }
 
 void ManageDialog::checkForUpdate()
 {
-    waitFor(QStringLiteral("Checking for a firmware update…"));
+    waitFor(uiText("Manage.CheckingUpdate"));
     run(QStringLiteral("ota_check"), {}, [this](const PortalResult& result) {
         if (result.ok)
-            showSuccess(QStringLiteral("Update check finished."), statusLines(result));
+            showSuccess(uiText("Manage.UpdateChecked"), statusLines(result));
     });
 }
 
 void ManageDialog::restartDevice()
 {
-    waitFor(QStringLiteral("Restarting…"));
+    waitFor(uiText("Manage.Restarting"));
     run(QStringLiteral("reboot"), {}, [this](const PortalResult& result) {
         if (!result.ok)
             return;
         const bool queued = result.data.value(QStringLiteral("queued")).toBool();
-        showSuccess(queued ? QStringLiteral("The device is offline; it will restart when it "
-                                            "reconnects.")
-                           : QStringLiteral("Restart sent."),
+        showSuccess(queued ? uiText("Manage.RestartQueued") : uiText("Manage.RestartSent"),
                     QString());
     });
 }

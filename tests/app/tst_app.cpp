@@ -39,7 +39,7 @@ QString routeText(const QList<Route>& routes)
 {
     QStringList words;
     for (Route route : routes)
-        words << (route == Route::Lan ? "lan" : "cloud");
+        words << QStringList{"cloud", "lan", "usb", "ble"}.value(int(route));
     return words.join(u',');
 }
 
@@ -226,6 +226,28 @@ private Q_SLOTS:
         QVERIFY(!link.cloudRelay()->shareConnection() && !app->settings().shareConnection());
         QCOMPARE(app->relayStatusLines(),
                  QStringList{"Vantorelle 0042: waiting for the paired device"});
+
+        // The device is now the selected one on its USB route, listed without the account, and
+        // the next start opens the same port again.
+        const QJsonObject saved =
+            QJsonDocument::fromJson(test::readFile(m_dir.filePath("settings.json"))).object();
+        QCOMPARE(saved["selected_device"].toString(), "VT-0042");
+        QCOMPARE(saved["routes"].toObject(), object(R"({"VT-0042":"usb"})"));
+        QCOMPARE(saved["links"].toObject()["VT-0042"].toObject(),
+                 QJsonObject({{"name", "Bench"}, {"usb_port", device.portPath()}}));
+        QCOMPARE(routeText(app->routesOf("VT-0042")), "usb");
+        QCOMPARE(app->choosableDevices().size(), 1);
+        QCOMPARE(app->deviceName("VT-0042"), "Bench");
+        app.reset();
+        session.reset();
+        link.close();
+        AppEnvironment restart = testAppEnvironment(m_dir.path(), m_portal->baseUrl(), saved);
+        restart.usb = UsbLinkSettings{50, 2000, 100};
+        app = std::make_unique<App>(restart);
+        QVERIFY(app->sourceManager()->session());
+        device.sendEnvelope({{"type", "state"}, {"fields", QJsonObject{{"home_score", 7}}}});
+        QTRY_COMPARE(app->fields().value("home_score"), "7");
+        QCOMPARE(app->sourceManager()->status(), "Live from Bench");
     }
     // Operator fields and holds come back after a restart, sharing clients hold and release, and
     // holds end when the data comes back after an outage while the setting says so.
@@ -251,6 +273,21 @@ private Q_SLOTS:
             QJsonDocument::fromJson(test::readFile(m_dir.filePath("settings.json"))).object();
         QCOMPARE(saved["operator_fields"].toObject(), object(R"({"home_name":"Hawks"})"));
         QCOMPARE(saved["held_fields"].toObject(), object(R"({"away_score":"2"})"));
+        // The same through the websocket's requests: a field of one's own, a hold, releasing each.
+        const auto vendor = [&](const char* type, const char* request) {
+            return app->handleVendorRequest(type, object(request));
+        };
+        QCOMPARE(vendor("SetOperatorField", R"({"field":"sponsor","value":"Acme"})"),
+                 object(R"({"fields":{"home_name":"Hawks","sponsor":"Acme"},
+                            "holds":{"away_score":"2"}})"));
+        QCOMPARE(vendor("SetOperatorField", R"({"field":"home_score","value":9,"hold":true})"),
+                 object(R"({"fields":{"home_name":"Hawks","sponsor":"Acme"},
+                            "holds":{"away_score":"2","home_score":"9"}})"));
+        QCOMPARE(vendor("GetSnapshot", "{}")["fields"].toObject()["home_score"].toString(), "9");
+        vendor("ReleaseOperatorField", R"({"field":"home_score"})");
+        QCOMPARE(vendor("ReleaseOperatorField", R"({"field":"sponsor"})"),
+                 object(R"({"fields":{"home_name":"Hawks"},"holds":{"away_score":"2"}})"));
+        QCOMPARE(vendor("Reboot", "{}"), object(R"({"ok":false,"error":"unknown_request"})"));
 
         // The data arrives: the hold from before the restart ends; one made while live stays.
         signIn(*app);

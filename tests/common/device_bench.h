@@ -12,6 +12,7 @@
 #include <QListWidget>
 #include <QTest>
 #include <QTimer>
+#include <QTreeWidget>
 
 #include <memory>
 
@@ -62,8 +63,8 @@ template <typename T = QWidget> T* child(QObject* root, const QString& name)
     return root->findChild<T*>(name);
 }
 
-// What the named widget shows: nothing while hidden, a list's lines, a box's current entry, else
-// its text.
+// What the named widget shows: nothing while hidden, a list's lines, a table's rows (cells
+// joined by " | "), a box's current entry, else its text.
 inline QString shown(QObject* root, const QString& name)
 {
     auto* widget = child(root, name);
@@ -75,6 +76,16 @@ inline QString shown(QObject* root, const QString& name)
         QStringList lines;
         for (int i = 0; i < list->count(); ++i)
             lines << list->item(i)->text();
+        return lines.join('\n');
+    }
+    if (auto* tree = qobject_cast<QTreeWidget*>(widget)) {
+        QStringList lines;
+        for (int i = 0; i < tree->topLevelItemCount(); ++i) {
+            QStringList cells;
+            for (int column = 0; column < tree->columnCount(); ++column)
+                cells << tree->topLevelItem(i)->text(column);
+            lines << cells.join(" | ");
+        }
         return lines.join('\n');
     }
     return widget->property(qobject_cast<QComboBox*>(widget) ? "currentText" : "text").toString();
@@ -91,7 +102,8 @@ inline bool shownAsFailure(QObject* root, const QString& label = "panelMessage")
     return child(root, label)->property("themeID").toString() == "error";
 }
 
-// Types into fields, ticks boxes and picks list entries by their value, as a user would.
+// Types into fields, ticks boxes and picks list entries and table rows by their value, as a user
+// would.
 inline void fill(QObject* root, const QJsonObject& fields)
 {
     for (auto it = fields.begin(); it != fields.end(); ++it) {
@@ -102,6 +114,14 @@ inline void fill(QObject* root, const QJsonObject& fields)
             QVERIFY2(index >= 0, qPrintable(it.key()));
             combo->setCurrentIndex(index);
             Q_EMIT combo->activated(index);
+        } else if (auto* tree = qobject_cast<QTreeWidget*>(widget)) {
+            QTreeWidgetItem* row = nullptr;
+            for (int i = 0; i < tree->topLevelItemCount() && !row; ++i) {
+                if (tree->topLevelItem(i)->data(0, Qt::UserRole) == it->toVariant())
+                    row = tree->topLevelItem(i);
+            }
+            QVERIFY2(row, qPrintable(it.key()));
+            tree->setCurrentItem(row);
         } else {
             widget->setProperty(widget->inherits("QSpinBox")             ? "value"
                                 : qobject_cast<QAbstractButton*>(widget) ? "checked"

@@ -5,9 +5,16 @@
 #include "common/device_bench.h"
 #include "device_manager.h"
 #include "firmware_panel.h"
+#include "http_link.h"
+#include "settings_panel.h"
+#include "sim/lan_device.h"
 #include "sim/portal_server.h"
 
+#include <QCheckBox>
+#include <QFormLayout>
+#include <QLabel>
 #include <QMessageBox>
+#include <QSpinBox>
 #include <QTabWidget>
 #include <QTemporaryDir>
 
@@ -55,6 +62,7 @@ private Q_SLOTS:
     void actions_data();
     void actions();
     void firmwareRestartEndsTheSession();
+    void settingsOfTheSimulatedDevice();
 
 private:
     QTemporaryDir m_dir;
@@ -91,8 +99,9 @@ void TestDeviceManager::actions_data()
   "panelMessage": "The device now reads a Arcline AS-500 (Hockey, RS-232)."}],
 ["settings saved", "saveSettings", {"getSettings": {"name": "C3", "brightness": 80, "auto": true,
   "net": {"dhcp": true}}}, {"setting_brightness": 35, "setting_auto": false}, [["setSettings",
-  {"name": "C3", "brightness": 35, "auto": false}]], {"panelMessage":
-  "The device took the settings."}],
+  {"auto": false, "brightness": 35}]], {"panelMessage": "The device took the settings."}],
+["settings unchanged", "saveSettings", {"getSettings": {"name": "C3"}}, {"setting_name": "C3"}, [],
+ {"panelMessage": "Nothing to save: no setting was changed."}],
 ["settings read again", "reloadSettings", {"getSettings": ["Busy", {"name": "Court 3"}]}, {},
  ["getSettings"], {"setting_name": "Court 3", "panelMessage": ""}],
 ["password changed", "changePasswordButton", {}, {"currentPasswordEdit": "admin",
@@ -222,6 +231,67 @@ void TestDeviceManager::firmwareRestartEndsTheSession()
     QCOMPARE(shown(&dialog, "sessionState"), "The device is restarting. Open the setup window "
                                              "from the dock to connect again once it is back.");
     QVERIFY(!shownAsFailure(&dialog, "sessionState"));
+}
+
+// The settings the program knows get their name and the input they need, others their key; a
+// save sends only what was edited, so what another tool changed meanwhile stays.
+void TestDeviceManager::settingsOfTheSimulatedDevice()
+{
+    sim::LanDevice lan;
+    QVERIFY(lan.start());
+    const auto setBehindTheFormsBack = [&lan](const QJsonObject& settings) {
+        lan.responder().handle(
+            QJsonObject{{"id", "other"}, {"method", "setSettings"}, {"params", settings}});
+    };
+    setBehindTheFormsBack({{"timezone", "Mars/Olympus"}, {"screen_saver_minutes", 5}});
+    HttpLink link(lan.address());
+    DeviceSession session(FastSession);
+    session.setPassword("admin");
+    session.start(&link);
+    SettingsPanel panel(&session);
+    QTRY_COMPARE(shown(&panel, "setting_device_name"), "Vantorelle 0042");
+
+    // Each row: its label (none where the box says it), the editor, its name, what it shows.
+    auto* form =
+        qobject_cast<QFormLayout*>(child(&panel, "setting_device_name")->parentWidget()->layout());
+    QStringList rows;
+    for (int i = 0; i < form->rowCount(); ++i) {
+        QLayoutItem* field = form->itemAt(i, QFormLayout::FieldRole);
+        QWidget* editor = (field ? field : form->itemAt(i, QFormLayout::SpanningRole))->widget();
+        auto* label = qobject_cast<QLabel*>(form->labelForField(editor));
+        QVERIFY(!label || label->textFormat() == Qt::PlainText); // keys come from the device
+        rows << QStringList{label ? label->text() : "", editor->metaObject()->className(),
+                            editor->objectName(), shown(&panel, editor->objectName())}
+                    .join('|');
+    }
+    QCOMPARE(
+        rows,
+        QStringList(
+            {"Device name|QLineEdit|setting_device_name|Vantorelle 0042",
+             "Time zone|QComboBox|setting_timezone|Mars/Olympus",
+             "Brightness|QSpinBox|setting_brightness|80%",
+             "|QCheckBox|setting_auto_update|Install firmware updates automatically",
+             "|QCheckBox|setting_cloud_enabled|Keep the device connected to the Vantorelle cloud",
+             "Screen saver minutes|QSpinBox|setting_screen_saver_minutes|5"}));
+    auto* zones = child<QComboBox>(&panel, "setting_timezone");
+    QVERIFY(zones->isEditable() && zones->findData("Europe/Berlin") > 0);
+    auto* brightness = child<QSpinBox>(&panel, "setting_brightness");
+    QCOMPARE(QList<int>({brightness->minimum(), brightness->maximum()}), QList<int>({0, 100}));
+    QVERIFY(child<QCheckBox>(&panel, "setting_auto_update")->isChecked());
+
+    fill(&panel, {{"setting_brightness", 35}, {"setting_timezone", "Europe/Berlin"}});
+    setBehindTheFormsBack({{"device_name", "Court 3"}});
+    click(&panel, "saveSettings");
+    QTRY_COMPARE(message(&panel), "The device took the settings.");
+    QCOMPARE(
+        lan.responder().settings(),
+        QJsonDocument::fromJson(R"({"auto_update": true, "brightness": 35, "cloud_enabled": true,
+                 "device_name": "Court 3", "screen_saver_minutes": 5, "timezone": "Europe/Berlin"})")
+            .object());
+    const qsizetype saves = lan.responder().methodsSeen().count("setSettings");
+    click(&panel, "saveSettings"); // what was saved is no longer a change
+    QCOMPARE(message(&panel), "Nothing to save: no setting was changed.");
+    QCOMPARE(lan.responder().methodsSeen().count("setSettings"), saves);
 }
 
 QTEST_MAIN(TestDeviceManager)

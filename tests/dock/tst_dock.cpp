@@ -7,6 +7,7 @@
 #include "common/plugin_updater_support.h"
 #include "common/test_support.h"
 #include "device_manager.h"
+#include "devices_window.h"
 #include "dock.h"
 #include "manage_dialog.h"
 #include "scene_actions.h"
@@ -86,7 +87,7 @@ private:
         m_dock = std::make_unique<Dock>(m_app.get(), actions);
         m_dock->show();
     }
-    void makeWizard(BleHelperBridge* bluetooth = nullptr)
+    void makeWizard(BleHelperBridge* bluetooth = nullptr, int probeTimeoutMs = 400)
     {
         if (!m_app)
             m_app = std::make_unique<App>(testAppEnvironment(m_dir.path(), m_portal->baseUrl()));
@@ -94,8 +95,8 @@ private:
                                        {m_usb->portPath(), "USB JTAG/serial debug unit", true}};
         const UsbLinkSettings usb{.helloIntervalMs = 50, .giveUpMs = 400, .pingIntervalMs = 100};
         m_wizard = std::make_unique<SetupWizard>(
-            m_app.get(),
-            SetupWizardSettings{[ports] { return ports; }, usb, FastSession, 400, bluetooth});
+            m_app.get(), SetupWizardSettings{[ports] { return ports; }, usb, FastSession,
+                                             probeTimeoutMs, bluetooth});
         m_wizard->show();
     }
     // The window under test: the wizard while there is one, else the dock.
@@ -121,18 +122,18 @@ private:
         child<QRadioButton>(root(), address.isEmpty() ? "useUsb" : "useNetwork")->setChecked(true);
         type({{"addressEdit", address}});
         child<QListWidget>(root(), "portList")->setCurrentRow(1);
-        press("connectButton");
+        press("nextButton");
     }
     void signIn(const QString& password)
     {
         QTRY_VERIFY(child(root(), "passwordEdit")->isVisible());
         type({{"passwordEdit", password}});
-        press("signInButton");
+        press("nextButton");
     }
     // Goes to the page `name` from the first one after signing in, noting the pages on the way.
     void goToPage(const QString& name)
     {
-        QTRY_VERIFY(child(root(), "nextButton")->isVisible());
+        QTRY_VERIFY(!QStringList({"connectionPage", "signInPage"}).contains(page()));
         while (child(root(), "backButton")->isEnabled())
             press("backButton");
         for (m_pages = {page()}; page() != name && child(root(), "nextButton")->isEnabled();
@@ -172,13 +173,14 @@ void TestDock::signIn()
 }
 
 // The account's devices and those set up on the network; the routes the chosen one can take;
-// the manage dialog for a device of the account; signing out.
+// the devices window: every device and how it is reached, refreshed on demand, one window per
+// purpose; signing out.
 void TestDock::devicesAndRoutes()
 {
     makeDock({{"routes", QJsonObject{{"court-1", "cloud"}}}});
     QCOMPARE(items("deviceList"),
              QStringList({"Choose a device", "Court 1 (court-1)", "Garage (garage)"}));
-    QCOMPARE(text("routeChoice") + text("manageDevice"), "");
+    QCOMPARE(text("routeChoice"), "");
     QCOMPARE(text("liveStatus"), "Choose a device to see live scores.");
     type({{"email", kEmail}, {"password", kPassword}});
     press("signIn");
@@ -189,23 +191,50 @@ void TestDock::devicesAndRoutes()
     QCOMPARE(text("routeChoice"), "Vantorelle cloud");
     type({{"routeChoice", int(Route::Lan)}});
     QCOMPARE(text("liveStatus"), "Connecting to Court 1 on your network");
+
+    press("openDevices");
+    press("openDevices"); // raises the open one
+    QCOMPARE(m_dock->findChildren<DevicesWindow*>().size(), 1);
+    QCOMPARE(text("devicesTable"), "Court 1 | court-1 | Vantorelle cloud, Local network\n"
+                                   "dev-2 | dev-2 | Vantorelle cloud\n"
+                                   "Garage | garage | Local network");
+    QVERIFY(!child(root(), "manageConnected")->isEnabled()); // nothing connected by a session
+    type({{"devicesTable", "court-1"}});
     press("manageDevice");
     press("manageDevice");
     QCOMPARE(m_dock->findChildren<ManageDialog*>().size(), 1);
     QCOMPARE(m_dock->findChild<ManageDialog*>()->windowTitle(), "Manage court-1");
-
-    type({{"deviceList", "garage"}});
+    type({{"devicesTable", "garage"}});
+    QVERIFY(!child(root(), "manageDevice")->isEnabled());
+    press("useDevice");
+    QCOMPARE(text("deviceList"), "Garage (garage)");
     QCOMPARE(items("routeChoice"), QStringList{"Local network"});
     QVERIFY(!child(root(), "routeChoice")->isEnabled());
-    QCOMPARE(text("manageDevice"), "");
+    QVERIFY(!child(root(), "useDevice")->isEnabled()); // already the one followed
+
+    // Opening the window read the account's list; Refresh waits for a reading to end.
+    const auto refresh = [&] {
+        QTRY_VERIFY(child(root(), "refreshDevices")->isEnabled());
+        press("refreshDevices");
+    };
+    QTRY_VERIFY(child(root(), "refreshDevices")->isEnabled());
+    m_portal->addDevice(kEmail, {"dev-5", "Pool"});
+    refresh();
+    QTRY_VERIFY(text("devicesTable").contains("Pool | dev-5 | Vantorelle cloud"));
+    QVERIFY(items("deviceList").contains("Pool (dev-5)"));
     m_portal->fail("/devices", 502);
-    m_app->refreshDevices();
-    QTRY_COMPARE(text("devicesError"),
-                 "The Vantorelle service could not reach the live data feed. Try again shortly.");
+    refresh();
+    const QString unreachable =
+        "The Vantorelle service could not reach the live data feed. Try again shortly.";
+    QTRY_COMPARE(text("devicesMessage"), unreachable);
+    QVERIFY(red("devicesMessage"));
+    QCOMPARE(text("devicesError"), unreachable);
     QVERIFY(red("devicesError"));
     press("signOut"); // at once, and the saved sign-in goes too
     QVERIFY(!m_app->isSignedIn() && !QFile::exists(m_dir.filePath("session.json")));
     QCOMPARE(text("signIn"), "Sign in");
+    QCOMPARE(text("devicesTable"), "Court 1 | court-1 | Local network\n"
+                                   "Garage | garage | Local network");
 }
 
 // The banner says what the update service answered: a failure, then an update this plug-in can
@@ -312,7 +341,8 @@ void TestDock::livePanel()
     QVERIFY(clock->isActive());
 }
 
-// The sharing server's port and state; the scene section; the setup wizard opens from the dock.
+// The sharing server's port and state; the scene section; the setup wizard opens from the devices
+// window.
 void TestDock::otherSections()
 {
     struct : SceneActions
@@ -347,6 +377,7 @@ void TestDock::otherSections()
     QCOMPARE(actions.added, 1);
     QCOMPARE(text("sceneResult"), "Added the text.");
 
+    press("openDevices");
     press("setupDevice");
     press("setupDevice"); // raises the open one
     QCOMPARE(m_dock->findChildren<SetupWizard*>().size(), 1);
@@ -354,8 +385,7 @@ void TestDock::otherSections()
     QVERIFY(wizard && wizard->isVisible());
     wizard->close();
     QTRY_VERIFY(!wizard);
-    QCOMPARE(text("manageConnected"), ""); // no device followed through a session
-    cleanup();                             // before the scene actions go
+    cleanup(); // before the scene actions go
 }
 
 // [name, device, button, choices made, a portal answer replaced (path: body, or failing status),
@@ -399,7 +429,7 @@ void TestDock::manageDialog()
         m_portal->setFailure(path, sim::HttpResponse::json(row[4][path].toObject()));
     else if (!path.isEmpty())
         m_portal->fail(path, row[4][path].toInt());
-    ManageDialog dialog(device, &m_app->portal(), controllersFromJson(row[9].toArray()));
+    ManageDialog dialog(device, &m_app->portal(), controllersFromJson(row.at(9).toArray()));
     QCOMPARE(dialog.windowTitle(), "Manage " + device);
     fill(&dialog, row[3].toObject());
     click(&dialog, row[2].toString());
@@ -407,7 +437,7 @@ void TestDock::manageDialog()
     QVERIFY(!child(&dialog, "checkStatus")->isEnabled()); // one command at a time
     QTRY_COMPARE(shown(&dialog, "status"), row[6].toString());
     QVERIFY(child(&dialog, "checkStatus")->isEnabled());
-    QCOMPARE(shownAsFailure(&dialog, "status"), row[8].toBool());
+    QCOMPARE(shownAsFailure(&dialog, "status"), row.at(8).toBool());
     if (row[7].isObject())
         QCOMPARE(m_portal->deviceConfig(device), row[7].toObject());
     else
@@ -422,9 +452,13 @@ void TestDock::wizardOverUsbIntoLiveData()
     m_usb->setPassword("s3cret");
     m_usb->admin()->setMustChangePassword(true);
     makeWizard();
-    QCOMPARE(text("portList"), "Built-in serial port\nUSB JTAG/serial debug unit  – likely a "
+    QCOMPARE(text("stepTitle"), "Step 1: Connect"); // how many follow is not known yet
+    QCOMPARE(text("portList"), "Built-in serial port\nUSB JTAG/serial debug unit – likely a "
                                "Vantorelle device");
+    QCOMPARE(text("portCount"), "2 USB ports found. Pick the Vantorelle device.");
     connectTo();
+    QTRY_COMPARE(text("stepTitle"), "Step 2: Sign in");
+    QCOMPARE(m_wizard->focusWidget()->objectName(), "passwordEdit");
     signIn("wrong");
     QTRY_COMPARE(text("signInMessage"), "The device did not accept that password. Try again.");
     QVERIFY(red("signInMessage"));
@@ -435,8 +469,9 @@ void TestDock::wizardOverUsbIntoLiveData()
     press("changePasswordButton");
     QCOMPARE(text("signInMessage"), "The new passwords do not match.");
     type({{"confirmPasswordEdit", "better-one"}});
-    press("changePasswordButton");
+    QTest::keyClick(child(root(), "confirmPasswordEdit"), Qt::Key_Return); // Enter is Next
     QTRY_COMPARE(page(), "wifiPanel");
+    QCOMPARE(text("stepTitle"), "Step 3 of 8: Wi-Fi");
     QCOMPARE(m_usb->admin()->password(), "better-one");
 
     QTRY_VERIFY(child(root(), "scanWifi")->isEnabled());
@@ -463,7 +498,12 @@ void TestDock::wizardOverUsbIntoLiveData()
     QTRY_COMPARE(text("cloudMessage"), "The device is now on your account.");
 
     goToPage("finishPage");
-    press("useForLiveData");
+    QCOMPARE(text("stepTitle"), "Step 8 of 8: Finish");
+    QCOMPARE(text("finishSummary"), "When you press Finish, OBS takes the live scores from "
+                                    "Vantorelle 0042 over the USB cable from now on, and this "
+                                    "window closes.");
+    QVERIFY(!child(root(), "nextButton")->isEnabled());
+    press("finishButton");
     SourceManager* live = m_app->sourceManager();
     QCOMPARE(live->status(), "Connected to Vantorelle 0042, waiting for scoreboard data");
     m_wizard.reset(); // the live data keeps the session
@@ -479,10 +519,34 @@ void TestDock::wizardOverUsbIntoLiveData()
     QVERIFY(shownAsFailure(&manager, "sessionState"));
 }
 
-// Over the network: addresses that cannot be used or reached, then the device's; its pages;
-// the local feed keeps the address it was reached at (not the web port); closing lets it go.
+// Over the network: an attempt that waits is stopped by Cancel and by Escape, and Enter starts
+// another; addresses that cannot be used or reached, then the device's; its pages; the local
+// feed keeps the address it was reached at (not the web port); Escape then closes and lets it go.
 void TestDock::wizardOverTheNetwork()
 {
+    QTcpServer silent; // accepts and never answers
+    QVERIFY(silent.listen(QHostAddress::LocalHost));
+    makeWizard(nullptr, 60000);
+    connectTo(QStringLiteral("127.0.0.1:%1").arg(silent.serverPort()));
+    QCOMPARE(text("connectionMessage"), "Connecting…");
+    QVERIFY(!child(root(), "nextButton")->isEnabled());
+    QTRY_VERIFY(silent.hasPendingConnections());
+    QTcpSocket* first = silent.nextPendingConnection();
+    press("cancelButton");
+    QVERIFY(m_wizard->isVisible() && !m_wizard->session());
+    QCOMPARE(page(), "connectionPage");
+    QCOMPARE(text("connectionMessage"),
+             "Stopped connecting. Choose the connection and press Next to try again.");
+    QVERIFY(!red("connectionMessage") && child(root(), "nextButton")->isEnabled());
+    QTRY_COMPARE(first->state(), QAbstractSocket::UnconnectedState);
+    QTest::keyClick(child(root(), "addressEdit"), Qt::Key_Return);
+    QCOMPARE(text("connectionMessage"), "Connecting…");
+    QTRY_VERIFY(silent.hasPendingConnections());
+    QTest::keyClick(m_wizard.get(), Qt::Key_Escape);
+    QVERIFY(m_wizard->isVisible() && !m_wizard->session());
+    QCOMPARE(text("connectionMessage"),
+             "Stopped connecting. Choose the connection and press Next to try again.");
+
     sim::LanDevice lan;
     QVERIFY(lan.start());
     makeWizard();
@@ -505,21 +569,30 @@ void TestDock::wizardOverTheNetwork()
                                            "127.0.0.1, with its access token.");
     QCOMPARE(m_app->settings().lanEntry("VT-0042").host, "127.0.0.1");
     QPointer<DeviceSession> session = m_wizard->session().get();
-    m_wizard->reject();
+    QTest::keyClick(m_wizard.get(), Qt::Key_Escape);
+    QVERIFY(!m_wizard->isVisible());
     QTRY_VERIFY(!session);
     QCOMPARE(page(), "connectionPage");
 }
 
-// A wireless receiver: no sign-in, its own settings only, in the wizard and the device manager.
+// A wireless receiver: no sign-in, its own settings only, in the wizard and the device manager;
+// the row's mnemonics, and Enter on the last page finishes.
 void TestDock::wizardWithAReceiver()
 {
     m_usb->setRole(sim::UsbDevice::Role::Receiver);
     makeWizard();
+    QVERIFY(QTest::qWaitForWindowActive(m_wizard.get()));
     connectTo();
     goToPage("finishPage");
     QCOMPARE(m_pages, QStringList({"wirelessPanel", "finishPage"}));
     QVERIFY(!m_usb->admin()->methodsSeen().contains("login"));
-    press("useForLiveData");
+    QCOMPARE(text("stepTitle"), "Step 3 of 3: Finish");
+    QTest::keyClick(m_wizard.get(), Qt::Key_B, Qt::AltModifier); // a mnemonic clicks animated
+    QTRY_COMPARE(text("stepTitle"), "Step 2 of 3: Wireless link");
+    QTest::keyClick(m_wizard.get(), Qt::Key_N, Qt::AltModifier);
+    QTRY_COMPARE(page(), "finishPage");
+    QTest::keyClick(m_wizard.get(), Qt::Key_Return);
+    QVERIFY(!m_wizard->isVisible());
     QCOMPARE(m_app->sourceManager()->status(),
              "Connected to Vantorelle Receiver, waiting for scoreboard data");
 
@@ -555,7 +628,7 @@ void TestDock::wizardBluetoothOnlyWithItsHelper()
     press("scanBluetooth");
     QTRY_COMPARE(text("bluetoothList"), "Vantorelle 0042 (F4:12:FA:00:00:42, -58 dBm)");
     type({{"blePasskeyEdit", "482913"}});
-    press("connectButton");
+    press("nextButton");
     signIn("admin");
     QTRY_COMPARE(page(), "wifiPanel");
     cleanup(); // the session and its link before the bridge

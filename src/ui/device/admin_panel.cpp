@@ -2,6 +2,7 @@
 
 #include "answer_lines.h"
 #include "panel_style.h"
+#include "ui_text.h"
 
 #include <QLabel>
 #include <QMessageBox>
@@ -47,6 +48,7 @@ void AdminPanel::registerAction(QPushButton* button)
 QLabel* AdminPanel::addAnswerLabel(const QString& objectName)
 {
     QLabel* label = wrappedLabel(objectName);
+    label->setTextFormat(Qt::PlainText); // what the device says is never markup
     label->setTextInteractionFlags(Qt::TextSelectableByMouse);
     m_body->addWidget(label);
     return label;
@@ -60,7 +62,7 @@ bool AdminPanel::sessionReady() const
 void AdminPanel::confirmThen(const QString& question, const QString& consequence,
                              const QString& action, std::function<void()> then)
 {
-    auto* box = new QMessageBox(QMessageBox::Warning, QStringLiteral("Vantorelle"), question,
+    auto* box = new QMessageBox(QMessageBox::Warning, uiText("Device.ConfirmTitle"), question,
                                 QMessageBox::Cancel, this);
     box->setObjectName(QStringLiteral("confirmation"));
     box->setTextFormat(Qt::PlainText);
@@ -117,7 +119,7 @@ bool AdminPanel::stillConnected()
 {
     if (m_session)
         return true;
-    fail(QStringLiteral("The connection to the device was lost"));
+    fail(uiText("Device.ConnectionLost"));
     return false;
 }
 

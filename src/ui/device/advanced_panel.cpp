@@ -1,5 +1,6 @@
 #include "advanced_panel.h"
 
+#include "ui_text.h"
 #include "wireless_panel.h"
 
 #include <QPushButton>
@@ -8,11 +9,11 @@
 namespace vantorelle {
 
 AdvancedPanel::AdvancedPanel(DeviceSession* session, QWidget* parent)
-    : AdminPanel(session, "advancedPanel", QStringLiteral("Advanced"), parent)
+    : AdminPanel(session, "advancedPanel", uiText("Device.Advanced.Title"), parent)
 {
     // A wireless receiver restarts through its own settings below.
     if (!session || !session->isReceiverMode()) {
-        QPushButton* restart = addAction(QStringLiteral("Restart device"), "restartDevice");
+        QPushButton* restart = addAction(uiText("Device.Advanced.Restart"), "restartDevice");
         body()->addWidget(restart);
         connect(restart, &QPushButton::clicked, this, &AdvancedPanel::restartDevice);
     }
@@ -25,22 +26,21 @@ void AdvancedPanel::restartDevice()
 {
     if (!canStart() || session()->isReceiverMode())
         return;
-    confirmThen(QStringLiteral("Restart the device?"),
-                QStringLiteral("The scoreboard data stops for about half a minute while it "
-                               "restarts."),
-                QStringLiteral("Restart"), [this] { restartNow(); });
+    confirmThen(uiText("Device.Advanced.RestartQuestion"),
+                uiText("Device.Advanced.RestartConsequence"),
+                uiText("Device.Advanced.RestartConfirm"), [this] { restartNow(); });
 }
 
 void AdvancedPanel::restartNow()
 {
     if (!canStart())
         return;
-    begin(QStringLiteral("Restarting the device…"));
+    begin(uiText("Device.Advanced.Restarting"));
     session()->reboot(guarded([this](const RpcResult& result) {
         // The device may drop the link before it answers; the session knows whether that was
         // the restart.
         if (result.ok || (session() && session()->isRestarting()))
-            succeed(QStringLiteral("The device is restarting. It will be back in a moment."));
+            succeed(uiText("Device.Advanced.Restarted"));
         else
             fail(result.message);
     }));

@@ -4,6 +4,7 @@
 #include "json_form.h"
 #include "panel_style.h"
 #include "password_change_form.h"
+#include "ui_text.h"
 
 #include <QCheckBox>
 #include <QLabel>
@@ -14,43 +15,40 @@
 namespace vantorelle {
 
 CloudPanel::CloudPanel(App* app, DeviceSession* session, QWidget* parent)
-    : AdminPanel(session, "cloudPanel", QStringLiteral("Cloud"), parent), m_app(app)
+    : AdminPanel(session, "cloudPanel", uiText("Device.Cloud.Title"), parent), m_app(app)
 {
-    body()->addWidget(heading(QStringLiteral("Device id")));
+    body()->addWidget(heading(uiText("Device.Cloud.DeviceId")));
     m_idEdit = new QLineEdit;
     m_idEdit->setObjectName(QStringLiteral("deviceIdEdit"));
-    QPushButton* changeId = addAction(QStringLiteral("Change"), "changeDeviceId");
+    QPushButton* changeId = addAction(uiText("Device.Cloud.ChangeId"), "changeDeviceId");
     body()->addWidget(row(m_idEdit, changeId));
 
-    body()->addWidget(heading(QStringLiteral("Message broker")));
+    body()->addWidget(heading(uiText("Device.Cloud.Broker")));
     m_broker = new JsonForm(QStringLiteral("broker_"));
     body()->addWidget(m_broker);
-    m_brokerPassword = passwordField("brokerPassword", QStringLiteral("Password (unchanged when "
-                                                                      "empty)"));
+    m_brokerPassword = passwordField("brokerPassword", uiText("Device.Cloud.BrokerPassword"));
     body()->addWidget(m_brokerPassword);
-    QPushButton* saveBroker = addAction(QStringLiteral("Save broker settings"), "saveBroker");
+    QPushButton* saveBroker = addAction(uiText("Device.Cloud.SaveBroker"), "saveBroker");
     body()->addWidget(saveBroker, 0, Qt::AlignLeft);
-    QPushButton* provision = addAction(QStringLiteral("Fetch cloud credentials"), "provision");
+    QPushButton* provision = addAction(uiText("Device.Cloud.Provision"), "provision");
     body()->addWidget(provision, 0, Qt::AlignLeft);
 
-    body()->addWidget(heading(QStringLiteral("This computer")));
-    m_share = new QCheckBox(QStringLiteral("Let USB devices reach the cloud through this "
-                                           "computer's internet connection"));
+    body()->addWidget(heading(uiText("Device.Cloud.ThisComputer")));
+    m_share = new QCheckBox(uiText("Device.Cloud.ShareConnection"));
     m_share->setObjectName(QStringLiteral("shareConnection"));
     m_share->setChecked(m_app->settings().shareConnection());
     body()->addWidget(m_share);
 
-    body()->addWidget(heading(QStringLiteral("Bluetooth pairing in your account")));
+    body()->addWidget(heading(uiText("Device.Cloud.Pairing")));
     m_pairingHint = wrappedLabel(QStringLiteral("pairingHint"));
     body()->addWidget(m_pairingHint);
     m_pairing = new QWidget;
     auto* pairing = new QVBoxLayout(m_pairing);
     pairing->setContentsMargins(0, 0, 0, 0);
-    QPushButton* reveal = addAction(QStringLiteral("Show pairing passkey"), "revealPairing");
+    QPushButton* reveal = addAction(uiText("Device.Cloud.RevealPairing"), "revealPairing");
     pairing->addWidget(reveal, 0, Qt::AlignLeft);
-    m_adminPassword =
-        passwordField("pairingAdminPassword", QStringLiteral("Device admin password"));
-    QPushButton* store = addAction(QStringLiteral("Keep pairing in account"), "storePairing");
+    m_adminPassword = passwordField("pairingAdminPassword", uiText("Device.Cloud.AdminPassword"));
+    QPushButton* store = addAction(uiText("Device.Cloud.StorePairing"), "storePairing");
     pairing->addWidget(row(m_adminPassword, store));
     body()->addWidget(m_pairing);
     m_passkey = addAnswerLabel(QStringLiteral("pairingPasskey"));
@@ -69,11 +67,8 @@ CloudPanel::CloudPanel(App* app, DeviceSession* session, QWidget* parent)
 void CloudPanel::followSignIn()
 {
     const bool signedIn = m_app->isSignedIn();
-    m_pairingHint->setText(signedIn ? QStringLiteral("Your account keeps the device's Bluetooth "
-                                                     "pairing, for phones and tablets that "
-                                                     "connect to it.")
-                                    : QStringLiteral("Sign in to your account in the dock to see "
-                                                     "or keep the device's Bluetooth pairing."));
+    m_pairingHint->setText(signedIn ? uiText("Device.Cloud.PairingHint")
+                                    : uiText("Device.Cloud.PairingSignIn"));
     m_pairing->setVisible(signedIn);
 }
 
@@ -81,7 +76,7 @@ void CloudPanel::load()
 {
     if (!canStart())
         return;
-    begin(QStringLiteral("Reading the cloud settings…"));
+    begin(uiText("Device.Cloud.Reading"));
     if (m_adminPassword->text().isEmpty())
         m_adminPassword->setText(session()->password());
     session()->getDeviceId(guarded([this](const RpcResult& result, const QString& id) {
@@ -109,11 +104,10 @@ void CloudPanel::changeDeviceId()
     if (id == m_deviceId || !canStart())
         return;
     if (id.isEmpty())
-        return fail(QStringLiteral("Type the device's new id."));
-    confirmThen(QStringLiteral("Change the device id to %1?").arg(id),
-                QStringLiteral("Graphics and live data that follow the old id stop until they "
-                               "are set to the new one."),
-                QStringLiteral("Change"), [this, id] { setDeviceId(id); });
+        return fail(uiText("Device.Cloud.TypeId"));
+    confirmThen(uiText("Device.Cloud.ChangeIdQuestion").arg(id),
+                uiText("Device.Cloud.ChangeIdConsequence"), uiText("Device.Cloud.ChangeIdConfirm"),
+                [this, id] { setDeviceId(id); });
 }
 
 void CloudPanel::setDeviceId(const QString& id)
@@ -121,10 +115,10 @@ void CloudPanel::setDeviceId(const QString& id)
     if (!canStart())
         return;
     ask(
-        QStringLiteral("Changing the device id…"),
+        uiText("Device.Cloud.ChangingId"),
         [id](DeviceSession& session, DeviceSession::Done done) { session.setDeviceId(id, done); },
         [this, id](const RpcResult& result) {
-            if (settle(result, QStringLiteral("The device id is now %1.").arg(id)))
+            if (settle(result, uiText("Device.Cloud.IdChanged").arg(id)))
                 m_deviceId = id;
         });
 }
@@ -137,40 +131,36 @@ void CloudPanel::saveBroker()
     if (!m_brokerPassword->text().isEmpty())
         broker.insert(QLatin1String("password"), m_brokerPassword->text());
     if (broker.isEmpty())
-        return fail(QStringLiteral("The device has not shown its broker settings yet."));
+        return fail(uiText("Device.Cloud.NoBrokerYet"));
     ask(
-        QStringLiteral("Saving the broker settings…"),
+        uiText("Device.Cloud.SavingBroker"),
         [broker](DeviceSession& session, DeviceSession::Done done) {
             session.setMqttConfig(broker, done);
         },
         [this](const RpcResult& result) {
-            if (settle(result, QStringLiteral("The device took the broker settings.")))
+            if (settle(result, uiText("Device.Cloud.BrokerSaved")))
                 m_brokerPassword->clear();
         });
 }
 
 void CloudPanel::provision()
 {
-    ask(QStringLiteral("The device is fetching its cloud credentials…"), &DeviceSession::provision,
-        [this](const RpcResult& result) {
-            settle(result, QStringLiteral("The device has its cloud credentials."));
-        });
+    ask(uiText("Device.Cloud.Provisioning"), &DeviceSession::provision,
+        [this](const RpcResult& result) { settle(result, uiText("Device.Cloud.Provisioned")); });
 }
 
 void CloudPanel::revealPairing()
 {
     if (!canStart() || m_deviceId.isEmpty())
         return;
-    begin(QStringLiteral("Asking your account for the pairing…"));
+    begin(uiText("Device.Cloud.AskingPairing"));
     m_app->portal().revealPairing(
         m_deviceId, guarded([this](const PortalResult& result) {
             const QString passkey = result.data.value(QLatin1String("ble_passkey")).toString();
-            if (!settle(result, passkey.isEmpty() ? QStringLiteral("Your account keeps no "
-                                                                   "pairing for this device.")
-                                                  : QString()))
+            if (!settle(result, passkey.isEmpty() ? uiText("Device.Cloud.NoPairing") : QString()))
                 return;
-            m_passkey->setText(
-                passkey.isEmpty() ? QString() : QStringLiteral("Pairing passkey: %1").arg(passkey));
+            m_passkey->setText(passkey.isEmpty() ? QString()
+                                                 : uiText("Device.PairingPasskey").arg(passkey));
         }));
 }
 
@@ -178,11 +168,10 @@ void CloudPanel::storePairing()
 {
     if (!canStart() || m_deviceId.isEmpty())
         return;
-    begin(QStringLiteral("Handing the pairing to your account…"));
+    begin(uiText("Device.Cloud.StoringPairing"));
     m_app->portal().setPairing(m_deviceId, m_adminPassword->text(),
                                guarded([this](const PortalResult& result) {
-                                   settle(result, QStringLiteral("Your account now keeps "
-                                                                 "the device's pairing."));
+                                   settle(result, uiText("Device.Cloud.PairingStored"));
                                }));
 }
 

@@ -1,6 +1,7 @@
 #include "controller_panel.h"
 
 #include "settings_store.h"
+#include "ui_text.h"
 
 #include <QComboBox>
 #include <QFormLayout>
@@ -16,7 +17,7 @@ constexpr int Levels = 4;
 
 QString describe(const ControllerChoice& choice)
 {
-    return QStringLiteral("%1 %2 (%3, %4)")
+    return uiText("Device.Controller.Choice")
         .arg(choice.manufacturer, choice.model, controllerWordLabel(choice.sport),
              controllerWordLabel(choice.input_type));
 }
@@ -24,22 +25,24 @@ QString describe(const ControllerChoice& choice)
 } // namespace
 
 ControllerPanel::ControllerPanel(DeviceSession* session, SettingsStore* settings, QWidget* parent)
-    : AdminPanel(session, "controllerPanel", QStringLiteral("Scoreboard controller"), parent),
+    : AdminPanel(session, "controllerPanel", uiText("Device.Controller.Title"), parent),
       m_settings(settings)
 {
     static const char* const names[Levels] = {"controllerManufacturer", "controllerModel",
                                               "controllerSport", "controllerInput"};
-    static const char* const labels[Levels] = {"Manufacturer", "Model", "Sport", "Input"};
+    const QString labels[Levels] = {
+        uiText("Device.Controller.Manufacturer"), uiText("Device.Controller.Model"),
+        uiText("Device.Controller.Sport"), uiText("Device.Controller.Input")};
     auto* form = new QFormLayout;
     for (int level = 0; level < Levels; ++level) {
         m_boxes[level] = new QComboBox;
         m_boxes[level]->setObjectName(QLatin1String(names[level]));
-        form->addRow(QLatin1String(labels[level]), m_boxes[level]);
+        form->addRow(labels[level], m_boxes[level]);
         connect(m_boxes[level], &QComboBox::activated, this,
                 [this, level] { refill(level + 1, chosen()); });
     }
     body()->addLayout(form);
-    QPushButton* set = addAction(QStringLiteral("Set"), "setController");
+    QPushButton* set = addAction(uiText("Device.Controller.Set"), "setController");
     body()->addWidget(set);
     body()->addStretch();
     connect(set, &QPushButton::clicked, this, &ControllerPanel::apply);
@@ -49,7 +52,7 @@ void ControllerPanel::load()
 {
     if (!canStart())
         return;
-    begin(QStringLiteral("Reading the scoreboard controllers…"));
+    begin(uiText("Device.Controller.Reading"));
     session()->listControllers(
         guarded([this](const RpcResult& result, const QList<ControllerChoice>& controllers) {
             if (!result.ok) {
@@ -75,14 +78,14 @@ void ControllerPanel::apply()
         return;
     const ControllerChoice choice = chosen();
     if (choice.manufacturer.isEmpty()) {
-        fail(QStringLiteral("The device has not listed its scoreboard controllers yet."));
+        fail(uiText("Device.Controller.NotListed"));
         return;
     }
-    begin(QStringLiteral("Setting the scoreboard controller…"));
-    session()->setController(
-        choice, guarded([this, choice](const RpcResult& result) {
-            settle(result, QStringLiteral("The device now reads a %1.").arg(describe(choice)));
-        }));
+    begin(uiText("Device.Controller.Setting"));
+    session()->setController(choice, guarded([this, choice](const RpcResult& result) {
+                                 settle(result,
+                                        uiText("Device.Controller.Done").arg(describe(choice)));
+                             }));
 }
 
 ControllerChoice ControllerPanel::chosen() const

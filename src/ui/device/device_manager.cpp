@@ -9,6 +9,7 @@
 #include "security_panel.h"
 #include "settings_panel.h"
 #include "status_panel.h"
+#include "ui_text.h"
 #include "wifi_panel.h"
 
 #include <QDialogButtonBox>
@@ -25,23 +26,24 @@ DeviceManager::DeviceManager(App* app, std::shared_ptr<DeviceSession> session, c
     : QDialog(parent), m_session(std::move(session))
 {
     setObjectName(QStringLiteral("deviceManager"));
-    setWindowTitle(QStringLiteral("Manage %1").arg(name));
+    setWindowTitle(uiText("Device.Title").arg(name));
 
     DeviceSession* driven = m_session.get();
     m_state = wrappedLabel(QStringLiteral("sessionState"));
     m_tabs = new QTabWidget;
     m_tabs->setObjectName(QStringLiteral("deviceManagerTabs"));
     if (driven->isReceiverMode()) {
-        m_tabs->addTab(new AdvancedPanel(driven), QStringLiteral("Receiver"));
+        m_tabs->addTab(new AdvancedPanel(driven), uiText("Device.Tab.Receiver"));
     } else {
-        m_tabs->addTab(new StatusPanel(driven), QStringLiteral("Status"));
-        m_tabs->addTab(new WifiPanel(driven), QStringLiteral("Wi-Fi"));
-        m_tabs->addTab(new ControllerPanel(driven, &app->settings()), QStringLiteral("Scoreboard"));
-        m_tabs->addTab(new SettingsPanel(driven), QStringLiteral("Settings"));
-        m_tabs->addTab(new SecurityPanel(driven, &app->settings()), QStringLiteral("Security"));
-        m_tabs->addTab(new FirmwarePanel(driven), QStringLiteral("Firmware"));
-        m_tabs->addTab(new CloudPanel(app, driven), QStringLiteral("Cloud"));
-        m_tabs->addTab(new AdvancedPanel(driven), QStringLiteral("Advanced"));
+        m_tabs->addTab(new StatusPanel(driven), uiText("Device.Tab.Status"));
+        m_tabs->addTab(new WifiPanel(driven), uiText("Device.Tab.Wifi"));
+        m_tabs->addTab(new ControllerPanel(driven, &app->settings()),
+                       uiText("Device.Tab.Scoreboard"));
+        m_tabs->addTab(new SettingsPanel(driven), uiText("Device.Tab.Settings"));
+        m_tabs->addTab(new SecurityPanel(driven, &app->settings()), uiText("Device.Tab.Security"));
+        m_tabs->addTab(new FirmwarePanel(driven), uiText("Device.Tab.Firmware"));
+        m_tabs->addTab(new CloudPanel(app, driven), uiText("Device.Tab.Cloud"));
+        m_tabs->addTab(new AdvancedPanel(driven), uiText("Device.Tab.Advanced"));
     }
 
     auto* buttons = new QDialogButtonBox(QDialogButtonBox::Close);
@@ -69,19 +71,17 @@ void DeviceManager::followState(State state, const QString& detail)
     QString text;
     switch (state) {
     case State::Restarting:
-        text = QStringLiteral("The device is restarting. Open the setup window from the dock to "
-                              "connect again once it is back.");
+        text = uiText("Device.Restarting");
         break;
     case State::Lost:
     case State::Error:
-        text = detail.isEmpty() ? QStringLiteral("The connection to the device was lost") : detail;
+        text = detail.isEmpty() ? uiText("Device.ConnectionLost") : detail;
         break;
     case State::Ready:
     case State::SigningIn: // a silent renewal of the sign-in
         break;
     default:
-        text = QStringLiteral("The device is not signed in. Open the setup window from the dock "
-                              "to sign in again.");
+        text = uiText("Device.NotSignedIn");
         break;
     }
     // A restart is expected and says so plainly; a lost or signed-out device is a failure.

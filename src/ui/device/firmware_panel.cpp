@@ -1,6 +1,7 @@
 #include "firmware_panel.h"
 
 #include "panel_style.h"
+#include "ui_text.h"
 
 #include <QLabel>
 #include <QProgressBar>
@@ -29,19 +30,18 @@ bool isFailed(const QString& state)
 
 QString restartSentence()
 {
-    return QStringLiteral("The device is restarting with the new firmware. It will be back in a "
-                          "minute.");
+    return uiText("Device.Firmware.RestartingNew");
 }
 
 } // namespace
 
 FirmwarePanel::FirmwarePanel(DeviceSession* session, QWidget* parent)
-    : AdminPanel(session, "firmwarePanel", QStringLiteral("Firmware"), parent)
+    : AdminPanel(session, "firmwarePanel", uiText("Device.Firmware.Title"), parent)
 {
-    QPushButton* check = addAction(QStringLiteral("Check for update"), "checkFirmware");
+    QPushButton* check = addAction(uiText("Device.Firmware.Check"), "checkFirmware");
     body()->addWidget(check, 0, Qt::AlignLeft);
     m_firmware = addAnswerLabel(QStringLiteral("firmwareLines"));
-    QPushButton* install = addAction(QStringLiteral("Install update"), "installFirmware");
+    QPushButton* install = addAction(uiText("Device.Firmware.Install"), "installFirmware");
     body()->addWidget(install, 0, Qt::AlignLeft);
     m_progress = new QProgressBar;
     m_progress->setObjectName(QStringLiteral("firmwareProgress"));
@@ -49,11 +49,11 @@ FirmwarePanel::FirmwarePanel(DeviceSession* session, QWidget* parent)
     m_progress->setVisible(false);
     body()->addWidget(m_progress);
 
-    body()->addWidget(heading(QStringLiteral("Radio co-processor")));
-    QPushButton* radio = addAction(QStringLiteral("Check radio firmware"), "checkRadio");
+    body()->addWidget(heading(uiText("Device.Firmware.Radio")));
+    QPushButton* radio = addAction(uiText("Device.Firmware.CheckRadio"), "checkRadio");
     body()->addWidget(radio, 0, Qt::AlignLeft);
     m_radio = addAnswerLabel(QStringLiteral("radioLines"));
-    QPushButton* radioUpdate = addAction(QStringLiteral("Update radio firmware"), "updateRadio");
+    QPushButton* radioUpdate = addAction(uiText("Device.Firmware.UpdateRadio"), "updateRadio");
     body()->addWidget(radioUpdate, 0, Qt::AlignLeft);
     body()->addStretch();
 
@@ -67,22 +67,20 @@ FirmwarePanel::FirmwarePanel(DeviceSession* session, QWidget* parent)
 
 void FirmwarePanel::checkForUpdate()
 {
-    askAndShow(QStringLiteral("Checking for a firmware update…"), &DeviceSession::otaCheck,
-               m_firmware);
+    askAndShow(uiText("Device.Firmware.Checking"), &DeviceSession::otaCheck, m_firmware);
 }
 
 void FirmwarePanel::installUpdate()
 {
-    confirmThen(QStringLiteral("Install the firmware update now?"),
-                QStringLiteral("The scoreboard data stops for about a minute while the device "
-                               "installs the update and restarts."),
-                QStringLiteral("Install"), [this] { installNow(); });
+    confirmThen(uiText("Device.Firmware.InstallQuestion"),
+                uiText("Device.Firmware.InstallConsequence"),
+                uiText("Device.Firmware.InstallConfirm"), [this] { installNow(); });
 }
 
 void FirmwarePanel::installNow()
 {
     m_progress->setValue(0);
-    ask(QStringLiteral("Starting the firmware update…"), &DeviceSession::otaApply,
+    ask(uiText("Device.Firmware.Starting"), &DeviceSession::otaApply,
         [this](const RpcResult& result) {
             if (!result.ok)
                 return endUnlessRestarting(result.message);
@@ -99,7 +97,7 @@ void FirmwarePanel::pollProgress()
         // Signing in again silently is only a pause; anything else ends the conversation.
         if (session() && session()->state() == DeviceSession::State::SigningIn)
             return;
-        return endUnlessRestarting(QStringLiteral("The connection to the device was lost"));
+        return endUnlessRestarting(uiText("Device.ConnectionLost"));
     }
     m_progressOutstanding = true;
     session()->otaProgress(guarded([this](const RpcResult& result) {
@@ -120,14 +118,12 @@ void FirmwarePanel::showProgress(const QJsonObject& progress)
         QString why = word(progress, "error");
         if (why.isEmpty())
             why = word(progress, "detail");
-        return endInstallation(false,
-                               why.isEmpty() ? QStringLiteral("The firmware update failed.") : why);
+        return endInstallation(false, why.isEmpty() ? uiText("Device.Firmware.Failed") : why);
     }
     m_progress->setValue(percent);
     if (isFinished(state) || percent >= 100)
-        return endInstallation(true, QStringLiteral("The update is installed. The device "
-                                                    "restarts to use it."));
-    begin(QStringLiteral("Installing the firmware update: %1%").arg(percent));
+        return endInstallation(true, uiText("Device.Firmware.Installed"));
+    begin(uiText("Device.Firmware.Installing").arg(percent));
 }
 
 void FirmwarePanel::endInstallation(bool ok, const QString& text)
@@ -149,15 +145,14 @@ void FirmwarePanel::endUnlessRestarting(const QString& failure)
 
 void FirmwarePanel::checkRadio()
 {
-    askAndShow(QStringLiteral("Reading the radio firmware…"), &DeviceSession::c6OtaStatus, m_radio);
+    askAndShow(uiText("Device.Firmware.ReadingRadio"), &DeviceSession::c6OtaStatus, m_radio);
 }
 
 void FirmwarePanel::updateRadio()
 {
-    ask(QStringLiteral("Starting the radio firmware update…"), &DeviceSession::c6OtaApply,
+    ask(uiText("Device.Firmware.StartingRadio"), &DeviceSession::c6OtaApply,
         [this](const RpcResult& result) {
-            settle(result, QStringLiteral("The radio firmware update started. The device "
-                                          "restarts when it is done."));
+            settle(result, uiText("Device.Firmware.RadioStarted"));
         });
 }
 

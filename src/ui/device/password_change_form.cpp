@@ -1,5 +1,7 @@
 #include "password_change_form.h"
 
+#include "ui_text.h"
+
 #include <QLineEdit>
 #include <QPushButton>
 #include <QVBoxLayout>
@@ -19,10 +21,10 @@ PasswordChangeForm::PasswordChangeForm(QWidget* parent) : QWidget(parent)
 {
     auto* layout = new QVBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
-    m_current = passwordField("currentPasswordEdit", tr("Current password"));
-    m_next = passwordField("newPasswordEdit", tr("New password"));
-    m_confirm = passwordField("confirmPasswordEdit", tr("New password again"));
-    m_button = new QPushButton(tr("Change password"));
+    m_current = passwordField("currentPasswordEdit", uiText("Device.Password.Current"));
+    m_next = passwordField("newPasswordEdit", uiText("Device.Password.New"));
+    m_confirm = passwordField("confirmPasswordEdit", uiText("Device.Password.Again"));
+    m_button = new QPushButton(uiText("Device.Password.Change"));
     m_button->setObjectName(QStringLiteral("changePasswordButton"));
     for (QWidget* field : {m_current, m_next, m_confirm})
         layout->addWidget(field);
@@ -49,9 +51,9 @@ QString PasswordChangeForm::next() const
 QString PasswordChangeForm::problem() const
 {
     if (m_next->text().isEmpty())
-        return tr("Enter a new password.");
+        return uiText("Device.Password.EnterNew");
     if (m_next->text() != m_confirm->text())
-        return tr("The new passwords do not match.");
+        return uiText("Device.Password.Mismatch");
     return {};
 }
 

@@ -3,6 +3,7 @@
 #include "local_feed_access.h"
 #include "panel_style.h"
 #include "password_change_form.h"
+#include "ui_text.h"
 
 #include <QClipboard>
 #include <QGuiApplication>
@@ -14,31 +15,31 @@
 namespace vantorelle {
 
 SecurityPanel::SecurityPanel(DeviceSession* session, SettingsStore* settings, QWidget* parent)
-    : AdminPanel(session, "securityPanel", QStringLiteral("Security"), parent), m_settings(settings)
+    : AdminPanel(session, "securityPanel", uiText("Device.Security.Title"), parent),
+      m_settings(settings)
 {
-    body()->addWidget(heading(QStringLiteral("Admin password")));
+    body()->addWidget(heading(uiText("Device.Security.AdminPassword")));
     m_password = new PasswordChangeForm;
     registerAction(m_password->button());
     body()->addWidget(m_password);
 
-    body()->addWidget(heading(QStringLiteral("Access token")));
+    body()->addWidget(heading(uiText("Device.Security.AccessToken")));
     QLabel* explain = wrappedLabel(QStringLiteral("accessTokenHint"));
-    explain->setText(QStringLiteral("OBS and other programs on your network use this token to "
-                                    "take the live data straight from the device."));
+    explain->setText(uiText("Device.Security.AccessTokenHint"));
     body()->addWidget(explain);
-    QPushButton* show = addAction(QStringLiteral("Show access token"), "showAccessToken");
+    QPushButton* show = addAction(uiText("Device.Security.ShowAccessToken"), "showAccessToken");
     body()->addWidget(show, 0, Qt::AlignLeft);
     m_token = new QLineEdit;
     m_token->setObjectName(QStringLiteral("accessToken"));
     m_token->setReadOnly(true);
-    auto* copy = new QPushButton(QStringLiteral("Copy"));
+    auto* copy = new QPushButton(uiText("Device.Security.Copy"));
     copy->setObjectName(QStringLiteral("copyAccessToken"));
     m_tokenRow = row(m_token, copy);
     m_tokenRow->setVisible(false);
     body()->addWidget(m_tokenRow);
 
-    body()->addWidget(heading(QStringLiteral("Bluetooth")));
-    QPushButton* passkey = addAction(QStringLiteral("Show pairing passkey"), "showBlePasskey");
+    body()->addWidget(heading(uiText("Device.Security.Bluetooth")));
+    QPushButton* passkey = addAction(uiText("Device.Security.ShowPasskey"), "showBlePasskey");
     body()->addWidget(passkey, 0, Qt::AlignLeft);
     m_passkey = addAnswerLabel(QStringLiteral("blePasskey"));
     body()->addStretch();
@@ -55,23 +56,22 @@ void SecurityPanel::changePassword()
         return;
     if (const QString problem = m_password->problem(); !problem.isEmpty())
         return fail(problem);
-    begin(QStringLiteral("Changing the admin password…"));
-    session()->changePassword(
-        m_password->current(), m_password->next(), guarded([this](const RpcResult& result) {
-            if (settle(result, QStringLiteral("The admin password was changed.")))
-                m_password->clear();
-        }));
+    begin(uiText("Device.Security.ChangingPassword"));
+    session()->changePassword(m_password->current(), m_password->next(),
+                              guarded([this](const RpcResult& result) {
+                                  if (settle(result, uiText("Device.Security.PasswordChanged")))
+                                      m_password->clear();
+                              }));
 }
 
 void SecurityPanel::showAccessToken()
 {
     if (!canStart())
         return;
-    begin(QStringLiteral("Asking the device for its access token…"));
+    begin(uiText("Device.Security.AskingToken"));
     setUpLocalFeed(session(), m_settings,
                    guarded([this](const RpcResult& result, const LocalFeedAccess& access) {
-                       if (!settle(result, QStringLiteral("OBS now takes live data from %1 at %2 "
-                                                          "on your network when you choose it.")
+                       if (!settle(result, uiText("Device.Security.LiveDataFrom")
                                                .arg(access.entry.name, access.entry.host)))
                            return;
                        m_token->setText(access.entry.token);
@@ -83,17 +83,17 @@ void SecurityPanel::copyAccessToken()
 {
     QGuiApplication::clipboard()->setText(m_token->text());
     if (!isBusy())
-        succeed(QStringLiteral("The access token is on the clipboard."));
+        succeed(uiText("Device.Security.TokenCopied"));
 }
 
 void SecurityPanel::showBluetoothPasskey()
 {
     if (!canStart())
         return;
-    begin(QStringLiteral("Asking the device for its pairing passkey…"));
+    begin(uiText("Device.Security.AskingPasskey"));
     session()->getBlePasskey(guarded([this](const RpcResult& result, const QString& passkey) {
         if (settle(result))
-            m_passkey->setText(QStringLiteral("Pairing passkey: %1").arg(passkey));
+            m_passkey->setText(uiText("Device.PairingPasskey").arg(passkey));
     }));
 }
 

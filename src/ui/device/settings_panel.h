@@ -10,8 +10,10 @@ namespace vantorelle {
 
 class JsonForm;
 
-// The device's general settings as an editable list (text, numbers and switches), saved
-// together. Nested groups are not shown and never sent back.
+// The device's general settings as an editable list: the settings this program knows under their
+// own names with the input their meaning asks for, any other by its kind (text, numbers and
+// switches). A save sends only what the user changed, so it never undoes what another tool
+// changed on the device meanwhile. Nested groups are not shown and never sent back.
 class SettingsPanel : public AdminPanel
 {
     Q_OBJECT
@@ -21,8 +23,8 @@ public:
 
     void load();
     void save();
-    // The values as currently edited, one member per shown setting.
-    QJsonObject edited() const;
+    // The settings changed since they were read or last saved.
+    QJsonObject changes() const;
 
 private:
     void sessionBecameReady() override { load(); }

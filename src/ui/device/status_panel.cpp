@@ -2,6 +2,7 @@
 
 #include "answer_lines.h"
 #include "panel_style.h"
+#include "ui_text.h"
 
 #include <QLabel>
 #include <QPushButton>
@@ -16,12 +17,12 @@ constexpr int NetworkTestTimeoutMs = 30000; // the device tries gateway, DNS, in
 } // namespace
 
 StatusPanel::StatusPanel(DeviceSession* session, QWidget* parent)
-    : AdminPanel(session, "statusPanel", QStringLiteral("Status"), parent)
+    : AdminPanel(session, "statusPanel", uiText("Device.Status.Title"), parent)
 {
-    QPushButton* refresh = addAction(QStringLiteral("Refresh"), "refreshStatus");
+    QPushButton* refresh = addAction(uiText("Device.Status.Refresh"), "refreshStatus");
     body()->addWidget(refresh);
     m_status = addAnswerLabel(QStringLiteral("statusLines"));
-    QPushButton* test = addAction(QStringLiteral("Run network test"), "runNetworkTest");
+    QPushButton* test = addAction(uiText("Device.Status.RunNetworkTest"), "runNetworkTest");
     body()->addWidget(test);
     m_networkTest = addAnswerLabel(QStringLiteral("networkTestLines"));
     body()->addStretch();
@@ -34,7 +35,7 @@ void StatusPanel::refresh()
 {
     if (!canStart())
         return;
-    begin(QStringLiteral("Reading the device's status…"));
+    begin(uiText("Device.Status.Reading"));
     session()->refreshStatus(guarded([this](const RpcResult& result) {
         if (settle(result))
             m_status->setText(answerLines(result.result));
@@ -44,7 +45,7 @@ void StatusPanel::refresh()
 void StatusPanel::runNetworkTest()
 {
     askAndShow(
-        QStringLiteral("Running the network test…"),
+        uiText("Device.Status.Testing"),
         [](DeviceSession& session, DeviceSession::Done done) {
             session.networkTest(NetworkTestTimeoutMs, done);
         },

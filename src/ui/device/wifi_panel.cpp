@@ -1,5 +1,7 @@
 #include "wifi_panel.h"
 
+#include "ui_text.h"
+
 #include <QFormLayout>
 #include <QLineEdit>
 #include <QListWidget>
@@ -9,9 +11,9 @@
 namespace vantorelle {
 
 WifiPanel::WifiPanel(DeviceSession* session, QWidget* parent)
-    : AdminPanel(session, "wifiPanel", QStringLiteral("Wi-Fi"), parent)
+    : AdminPanel(session, "wifiPanel", uiText("Device.Wifi.Title"), parent)
 {
-    QPushButton* scan = addAction(QStringLiteral("Scan"), "scanWifi");
+    QPushButton* scan = addAction(uiText("Device.Wifi.Scan"), "scanWifi");
     body()->addWidget(scan);
     m_networks = new QListWidget;
     m_networks->setObjectName(QStringLiteral("networkList"));
@@ -20,13 +22,13 @@ WifiPanel::WifiPanel(DeviceSession* session, QWidget* parent)
     auto* form = new QFormLayout;
     m_name = new QLineEdit;
     m_name->setObjectName(QStringLiteral("networkName"));
-    form->addRow(QStringLiteral("Network"), m_name);
+    form->addRow(uiText("Device.Wifi.Network"), m_name);
     m_password = new QLineEdit;
     m_password->setObjectName(QStringLiteral("wifiPassword"));
     m_password->setEchoMode(QLineEdit::Password);
-    form->addRow(QStringLiteral("Password"), m_password);
+    form->addRow(uiText("Device.Wifi.Password"), m_password);
     body()->addLayout(form);
-    QPushButton* join = addAction(QStringLiteral("Join"), "joinWifi");
+    QPushButton* join = addAction(uiText("Device.Wifi.Join"), "joinWifi");
     body()->addWidget(join);
     body()->addStretch();
 
@@ -43,11 +45,10 @@ void WifiPanel::scan()
 {
     if (!canStart())
         return;
-    begin(QStringLiteral("Looking for networks…"));
+    begin(uiText("Device.Wifi.Scanning"));
     session()->scanWifi(
         guarded([this](const RpcResult& result, const QList<WifiNetwork>& networks) {
-            if (settle(result, networks.isEmpty() ? QStringLiteral("The device sees no networks.")
-                                                  : QString()))
+            if (settle(result, networks.isEmpty() ? uiText("Device.Wifi.NoNetworks") : QString()))
                 showNetworks(networks);
         }));
 }
@@ -59,7 +60,7 @@ void WifiPanel::showNetworks(const QList<WifiNetwork>& networks)
         if (network.ssid.isEmpty())
             continue; // a hidden network is joined by typing its name
         auto* item = new QListWidgetItem(
-            QStringLiteral("%1 (%2 dBm)").arg(network.ssid).arg(network.rssi), m_networks);
+            uiText("Device.Wifi.NetworkEntry").arg(network.ssid).arg(network.rssi), m_networks);
         item->setData(Qt::UserRole, network.ssid);
     }
 }
@@ -70,10 +71,10 @@ void WifiPanel::join()
         return;
     const QString ssid = m_name->text().trimmed();
     if (ssid.isEmpty()) {
-        fail(QStringLiteral("Choose a network or type its name."));
+        fail(uiText("Device.Wifi.ChooseNetwork"));
         return;
     }
-    begin(QStringLiteral("Sending the network to the device…"));
+    begin(uiText("Device.Wifi.Sending"));
     session()->configureWifi(ssid, m_password->text(),
                              guarded([this, ssid](const RpcResult& result) {
                                  if (!result.ok)
@@ -87,7 +88,7 @@ void WifiPanel::verify(const QString& ssid)
 {
     if (!stillConnected())
         return;
-    begin(QStringLiteral("Waiting for the device to join %1…").arg(ssid));
+    begin(uiText("Device.Wifi.Waiting").arg(ssid));
     session()->verifyWifi(ssid, guarded([this](const RpcResult& result, const QString& outcome) {
                               settle(result, outcome);
                           }));

@@ -2,6 +2,7 @@
 
 #include "answer_lines.h"
 #include "panel_style.h"
+#include "ui_text.h"
 
 #include <QCheckBox>
 #include <QFormLayout>
@@ -22,23 +23,21 @@ QString describe(const WirelessLink& link)
 {
     QString text;
     if (link.role == QLatin1String("tx"))
-        text = link.key_set
-                   ? QStringLiteral("Sending scores to the receiver %1, with a key.")
-                         .arg(link.peer_mac)
-                   : QStringLiteral("Sending scores to the receiver %1.").arg(link.peer_mac);
+        text = link.key_set ? uiText("Device.Wireless.SendingWithKey").arg(link.peer_mac)
+                            : uiText("Device.Wireless.Sending").arg(link.peer_mac);
     else if (link.role == QLatin1String("off") || link.role.isEmpty())
-        text = QStringLiteral("The wireless link is off.");
+        text = uiText("Device.Wireless.Off");
     else
-        text = QStringLiteral("The wireless link is set to %1.").arg(link.role);
+        text = uiText("Device.Wireless.OtherRole").arg(link.role);
     if (!link.start_error.isEmpty())
-        text += QStringLiteral(" It could not start: %1").arg(link.start_error);
+        text += QLatin1Char(' ') + uiText("Device.Wireless.StartError").arg(link.start_error);
     return text;
 }
 
 } // namespace
 
 WirelessPanel::WirelessPanel(DeviceSession* session, QWidget* parent)
-    : AdminPanel(session, "wirelessPanel", QStringLiteral("Wireless link"), parent)
+    : AdminPanel(session, "wirelessPanel", uiText("Device.Wireless.Title"), parent)
 {
     m_forReceiver = session && session->isReceiverMode();
     if (m_forReceiver) {
@@ -54,22 +53,22 @@ void WirelessPanel::buildReceiver()
     auto* form = new QFormLayout;
     m_key = new QLineEdit;
     m_key->setObjectName(QStringLiteral("receiverKey"));
-    form->addRow(QStringLiteral("Key"), m_key);
+    form->addRow(uiText("Device.Wireless.Key"), m_key);
     m_channel = new QSpinBox;
     m_channel->setObjectName(QStringLiteral("receiverChannel"));
     m_channel->setRange(0, MaxChannel);
-    m_channel->setSpecialValueText(QStringLiteral("Unchanged"));
+    m_channel->setSpecialValueText(uiText("Device.Wireless.Unchanged"));
     m_channel->setValue(session()->receiverInfo().value(QStringLiteral("channel")).toInt());
-    form->addRow(QStringLiteral("Channel"), m_channel);
+    form->addRow(uiText("Device.Wireless.Channel"), m_channel);
     body()->addLayout(form);
-    QPushButton* generate = addAction(QStringLiteral("Generate"), "generateReceiverKey");
-    QPushButton* apply = addAction(QStringLiteral("Apply"), "applyReceiver");
+    QPushButton* generate = addAction(uiText("Device.Wireless.Generate"), "generateReceiverKey");
+    QPushButton* apply = addAction(uiText("Device.Wireless.Apply"), "applyReceiver");
     body()->addWidget(generate);
     body()->addWidget(apply);
-    QPushButton* status = addAction(QStringLiteral("Read status"), "readReceiverStatus");
+    QPushButton* status = addAction(uiText("Device.Wireless.ReadStatus"), "readReceiverStatus");
     body()->addWidget(status);
     m_receiverStatus = addAnswerLabel(QStringLiteral("receiverStatus"));
-    QPushButton* restart = addAction(QStringLiteral("Restart receiver"), "restartReceiver");
+    QPushButton* restart = addAction(uiText("Device.Wireless.RestartReceiver"), "restartReceiver");
     body()->addWidget(restart);
     connect(generate, &QPushButton::clicked, this, &WirelessPanel::generateReceiverKey);
     connect(apply, &QPushButton::clicked, this, &WirelessPanel::applyReceiver);
@@ -80,18 +79,19 @@ void WirelessPanel::buildReceiver()
 void WirelessPanel::buildDevice()
 {
     m_linkState = wrappedLabel(QStringLiteral("wirelessState"));
+    m_linkState->setTextFormat(Qt::PlainText); // the device's words
     body()->addWidget(m_linkState);
     auto* form = new QFormLayout;
     m_peer = new QLineEdit;
     m_peer->setObjectName(QStringLiteral("peerMac"));
-    m_peer->setPlaceholderText(QStringLiteral("Receiver address, e.g. 24:6F:28:AA:BB:CC"));
-    form->addRow(QStringLiteral("Receiver"), m_peer);
+    m_peer->setPlaceholderText(uiText("Device.Wireless.ReceiverAddress"));
+    form->addRow(uiText("Device.Wireless.Receiver"), m_peer);
     body()->addLayout(form);
-    m_generateKey = new QCheckBox(QStringLiteral("Generate a key"));
+    m_generateKey = new QCheckBox(uiText("Device.Wireless.GenerateKey"));
     m_generateKey->setObjectName(QStringLiteral("generateKey"));
     body()->addWidget(m_generateKey);
-    QPushButton* send = addAction(QStringLiteral("Send scores to a receiver"), "sendToReceiver");
-    QPushButton* off = addAction(QStringLiteral("Turn off"), "turnOffWireless");
+    QPushButton* send = addAction(uiText("Device.Wireless.SendToReceiver"), "sendToReceiver");
+    QPushButton* off = addAction(uiText("Device.Wireless.TurnOff"), "turnOffWireless");
     body()->addWidget(send);
     body()->addWidget(off);
     m_generatedKey = addAnswerLabel(QStringLiteral("generatedKey"));
@@ -110,12 +110,12 @@ void WirelessPanel::generateReceiverKey()
 {
     if (!isForReceiver() || !canStart())
         return;
-    begin(QStringLiteral("Asking the receiver for a new key…"));
+    begin(uiText("Device.Wireless.AskingKey"));
     session()->setReceiver(
         {}, true, std::nullopt, guarded([this](bool ok, const QString& key, const QString& error) {
             if (ok)
                 m_key->setText(key);
-            receiverAnswered(ok, key, error, QStringLiteral("The receiver's new key: %1").arg(key));
+            receiverAnswered(ok, key, error, uiText("Device.Wireless.NewKey").arg(key));
         }));
 }
 
@@ -125,11 +125,11 @@ void WirelessPanel::applyReceiver()
         return;
     const std::optional<int> channel =
         m_channel->value() > 0 ? std::optional<int>(m_channel->value()) : std::nullopt;
-    begin(QStringLiteral("Sending the settings to the receiver…"));
+    begin(uiText("Device.Wireless.SendingSettings"));
     session()->setReceiver(m_key->text(), false, channel,
                            guarded([this](bool ok, const QString& key, const QString& error) {
                                receiverAnswered(ok, key, error,
-                                                QStringLiteral("The receiver took the settings."));
+                                                uiText("Device.Wireless.SettingsTaken"));
                            }));
 }
 
@@ -137,7 +137,7 @@ void WirelessPanel::readReceiverStatus()
 {
     if (!isForReceiver() || !canStart())
         return;
-    begin(QStringLiteral("Asking the receiver for its status…"));
+    begin(uiText("Device.Wireless.AskingStatus"));
     session()->receiverStatus(guarded([this](bool ok, const QString& key, const QString& error) {
         if (ok && session())
             m_receiverStatus->setText(answerLines(session()->receiverInfo()));
@@ -149,11 +149,9 @@ void WirelessPanel::restartReceiver()
 {
     if (!isForReceiver() || !canStart())
         return;
-    begin(QStringLiteral("Restarting the receiver…"));
+    begin(uiText("Device.Wireless.RestartingReceiver"));
     session()->rebootReceiver(guarded([this](bool ok, const QString& key, const QString& error) {
-        receiverAnswered(ok, key, error,
-                         QStringLiteral("The receiver is restarting. It will be back in a "
-                                        "moment."));
+        receiverAnswered(ok, key, error, uiText("Device.Wireless.ReceiverRestarting"));
     }));
 }
 
@@ -170,7 +168,7 @@ void WirelessPanel::readLink()
 {
     if (isForReceiver() || !canStart())
         return;
-    begin(QStringLiteral("Reading the wireless link…"));
+    begin(uiText("Device.Wireless.ReadingLink"));
     session()->wirelessLink(guarded([this](const RpcResult& result, const WirelessLink& link) {
         if (settle(result))
             m_linkState->setText(describe(link));
@@ -186,15 +184,14 @@ void WirelessPanel::sendToReceiver()
         QStringLiteral("\\A[0-9A-Fa-f]{2}([:-][0-9A-Fa-f]{2}){5}\\z"));
     const QString peer = m_peer->text().trimmed().toUpper().replace(u'-', u':');
     if (peer.isEmpty()) {
-        fail(QStringLiteral("Type the receiver's address."));
+        fail(uiText("Device.Wireless.TypeAddress"));
         return;
     }
     if (!mac.match(peer).hasMatch()) {
-        fail(QStringLiteral("The receiver's address is six pairs of digits 0-9 and A-F, such as "
-                            "24:6F:28:AA:BB:CC."));
+        fail(uiText("Device.Wireless.AddressFormat"));
         return;
     }
-    begin(QStringLiteral("Setting up the wireless link…"));
+    begin(uiText("Device.Wireless.SettingUp"));
     m_generatedKey->setVisible(false);
     session()->enableWirelessTransmitter(
         peer, m_generateKey->isChecked(),
@@ -202,8 +199,7 @@ void WirelessPanel::sendToReceiver()
             if (!settle(result))
                 return;
             showMessage(m_generatedKey,
-                        key.isEmpty() ? QString()
-                                      : QStringLiteral("Give the receiver this key: %1").arg(key),
+                        key.isEmpty() ? QString() : uiText("Device.Wireless.GiveKey").arg(key),
                         false);
             readLink();
         }));
@@ -213,7 +209,7 @@ void WirelessPanel::turnOff()
 {
     if (isForReceiver() || !canStart())
         return;
-    begin(QStringLiteral("Turning the wireless link off…"));
+    begin(uiText("Device.Wireless.TurningOff"));
     session()->disableEspNowSender(guarded([this](const RpcResult& result) {
         if (settle(result))
             readLink();

@@ -2,6 +2,7 @@
 
 #include "panel_style.h"
 #include "portal_client.h"
+#include "ui_text.h"
 
 #include <QFormLayout>
 #include <QLabel>
@@ -45,7 +46,7 @@ QLineEdit* namedField(const char* name)
 AccountSection::AccountSection(PortalClient* portal, QWidget* parent)
     : QWidget(parent), m_portal(portal)
 {
-    auto* layout = sectionLayout(this, "accountPanel", QStringLiteral("Account"));
+    auto* layout = sectionLayout(this, "accountPanel", uiText("Dock.Account"));
     m_pages = new QStackedWidget;
     m_pages->addWidget(buildSignInPage());
     m_pages->addWidget(buildCodePage());
@@ -66,12 +67,12 @@ QWidget* AccountSection::buildSignInPage()
     form->setContentsMargins(0, 0, 0, 0);
     form->setRowWrapPolicy(QFormLayout::WrapLongRows);
     m_email = namedField("email");
-    m_email->setPlaceholderText(QStringLiteral("you@example.com"));
+    m_email->setPlaceholderText(uiText("Dock.EmailPlaceholder"));
     m_password = namedField("password");
     m_password->setEchoMode(QLineEdit::Password);
-    m_signIn = namedButton(QStringLiteral("Sign in"), "signIn");
-    form->addRow(QStringLiteral("E-mail"), m_email);
-    form->addRow(QStringLiteral("Password"), m_password);
+    m_signIn = namedButton(uiText("Dock.SignIn"), "signIn");
+    form->addRow(uiText("Dock.Email"), m_email);
+    form->addRow(uiText("Dock.Password"), m_password);
     form->addRow(m_signIn);
     connect(m_signIn, &QPushButton::clicked, this, &AccountSection::signIn);
     connect(m_password, &QLineEdit::returnPressed, this, &AccountSection::signIn);
@@ -83,15 +84,15 @@ QWidget* AccountSection::buildCodePage()
     auto* page = new QWidget;
     auto* layout = new QVBoxLayout(page);
     layout->setContentsMargins(0, 0, 0, 0);
-    auto* hint = new QLabel(QStringLiteral("Enter the 6-digit code from your authenticator app."));
+    auto* hint = new QLabel(uiText("Dock.CodeHint"));
     hint->setWordWrap(true);
     m_code = namedField("code");
     m_code->setMaxLength(kCodeLength);
     m_code->setValidator(new QRegularExpressionValidator(
         QRegularExpression(QStringLiteral("\\d{0,%1}").arg(kCodeLength)), m_code));
-    m_verify = namedButton(QStringLiteral("Verify"), "verifyCode");
+    m_verify = namedButton(uiText("Dock.Verify"), "verifyCode");
     m_verify->setEnabled(false);
-    auto* back = namedButton(QStringLiteral("Back"), "cancelCode");
+    auto* back = namedButton(uiText("Dock.Back"), "cancelCode");
     layout->addWidget(hint);
     layout->addWidget(m_code);
     auto* buttons = new QHBoxLayout;
@@ -117,7 +118,7 @@ QWidget* AccountSection::buildSignedInPage()
     auto* layout = new QVBoxLayout(page);
     layout->setContentsMargins(0, 0, 0, 0);
     m_account = wrappedLabel(QStringLiteral("accountEmail"));
-    auto* signOut = namedButton(QStringLiteral("Sign out"), "signOut");
+    auto* signOut = namedButton(uiText("Dock.SignOut"), "signOut");
     layout->addWidget(m_account);
     layout->addWidget(signOut);
     connect(signOut, &QPushButton::clicked, this, [this] { m_portal->signOut(); });
@@ -129,7 +130,7 @@ void AccountSection::showSignedIn()
     if (m_portal->isSignedIn()) {
         m_challenge.clear();
         m_password->clear();
-        m_account->setText(QStringLiteral("Signed in as %1").arg(m_portal->email()));
+        m_account->setText(uiText("Dock.SignedInAs").arg(m_portal->email()));
         m_pages->setCurrentIndex(SignedInPage);
     } else {
         m_pages->setCurrentIndex(m_challenge.isEmpty() ? SignInPage : CodePage);

@@ -2,6 +2,7 @@
 
 #include "app.h"
 #include "panel_style.h"
+#include "ui_text.h"
 
 #include <QCheckBox>
 #include <QGridLayout>
@@ -39,7 +40,7 @@ void setLabel(QLabel* label, const QString& text)
 
 LivePanel::LivePanel(App* app, QWidget* parent) : QWidget(parent), m_app(app)
 {
-    QVBoxLayout* layout = sectionLayout(this, "livePanel", QStringLiteral("On air"));
+    QVBoxLayout* layout = sectionLayout(this, "livePanel", uiText("Live.Title"));
     m_age = wrappedLabel(QStringLiteral("liveAge"));
     m_age->setTextFormat(Qt::PlainText);
     layout->addWidget(m_age);
@@ -47,7 +48,7 @@ LivePanel::LivePanel(App* app, QWidget* parent) : QWidget(parent), m_app(app)
     m_table = new QTreeWidget;
     m_table->setObjectName(QStringLiteral("liveFields"));
     m_table->setColumnCount(3);
-    m_table->setHeaderLabels({QStringLiteral("Field"), QStringLiteral("Value"), QString()});
+    m_table->setHeaderLabels({uiText("Live.Field"), uiText("Live.Value"), QString()});
     m_table->setRootIsDecorated(false);
     m_table->setUniformRowHeights(true);
     m_table->setSelectionMode(QAbstractItemView::SingleSelection);
@@ -57,27 +58,22 @@ LivePanel::LivePanel(App* app, QWidget* parent) : QWidget(parent), m_app(app)
 
     m_name = new QLineEdit;
     m_name->setObjectName(QStringLiteral("fieldName"));
-    m_name->setPlaceholderText(QStringLiteral("Field, e.g. home_name"));
+    m_name->setPlaceholderText(uiText("Live.FieldPlaceholder"));
     m_value = new QLineEdit;
     m_value->setObjectName(QStringLiteral("fieldValue"));
-    m_value->setPlaceholderText(QStringLiteral("Value"));
+    m_value->setPlaceholderText(uiText("Live.Value"));
     m_value->setMaxLength(int(FieldOverlay::MaxValueChars));
-    auto button = [](const char* name, const QString& text, const QString& tip) {
-        auto* b = new QPushButton(text);
+    auto button = [](const char* name, const char* text, const char* tip) {
+        auto* b = new QPushButton(uiText(text));
         b->setObjectName(QLatin1String(name));
-        b->setToolTip(tip);
+        b->setToolTip(uiText(tip));
         return b;
     };
-    m_set = button("setFieldButton", QStringLiteral("Set"),
-                   QStringLiteral("Keep this field of your own, shown in every output"));
-    m_hold = button("holdButton", QStringLiteral("Hold"),
-                    QStringLiteral("Show this value whatever the scoreboard sends"));
-    m_release = button("releaseButton", QStringLiteral("Release"),
-                       QStringLiteral("Show the scoreboard's value of the selected field again"));
-    m_releaseAll = button("releaseAllButton", QStringLiteral("Release all"),
-                          QStringLiteral("Show the scoreboard's values of every held field"));
-    m_remove = button("removeFieldButton", QStringLiteral("Remove"),
-                      QStringLiteral("Remove the selected field of your own"));
+    m_set = button("setFieldButton", "Live.Set", "Live.SetTip");
+    m_hold = button("holdButton", "Live.Hold", "Live.HoldTip");
+    m_release = button("releaseButton", "Live.Release", "Live.ReleaseTip");
+    m_releaseAll = button("releaseAllButton", "Live.ReleaseAll", "Live.ReleaseAllTip");
+    m_remove = button("removeFieldButton", "Live.Remove", "Live.RemoveTip");
     auto* edits = new QGridLayout;
     edits->addWidget(m_name, 0, 0);
     edits->addWidget(m_value, 0, 1);
@@ -88,7 +84,7 @@ LivePanel::LivePanel(App* app, QWidget* parent) : QWidget(parent), m_app(app)
     edits->addWidget(m_remove, 3, 0);
     layout->addLayout(edits);
 
-    m_autoRelease = new QCheckBox(QStringLiteral("Release holds when the data comes back"));
+    m_autoRelease = new QCheckBox(uiText("Live.AutoRelease"));
     m_autoRelease->setObjectName(QStringLiteral("autoReleaseBox"));
     m_autoRelease->setChecked(m_app->settings().releaseHoldsWhenLive());
     layout->addWidget(m_autoRelease);
@@ -152,16 +148,15 @@ void LivePanel::refreshAge()
     const qint64 seconds = ageMs / 1000;
     QString text;
     if (sources->mode() == SourceManager::Mode::None)
-        text = QStringLiteral("No device chosen.");
+        text = uiText("Live.NoDevice");
     else if (ageMs < 0)
-        text = QStringLiteral("No data yet.");
+        text = uiText("Live.NoDataYet");
     else if (sources->isStale())
-        text =
-            QStringLiteral("STALE: no data for %1 s. The values below are not live.").arg(seconds);
+        text = uiText("Live.Stale").arg(seconds);
     else if (seconds < 1)
-        text = QStringLiteral("Updated just now.");
+        text = uiText("Live.JustNow");
     else
-        text = QStringLiteral("Updated %1 s ago.").arg(seconds);
+        text = uiText("Live.SecondsAgo").arg(seconds);
     setLabel(m_age, text);
     setMessageKind(m_age, sources->isStale() ? MessageKind::Warning : MessageKind::Plain);
 }
@@ -188,9 +183,9 @@ void LivePanel::refreshTable()
         if (holds.contains(it.key())) {
             const QString underneath =
                 own.contains(it.key()) ? own.value(it.key()) : device.value(it.key());
-            note = QStringLiteral("held (underneath: %1)").arg(underneath);
+            note = uiText("Live.Held").arg(underneath);
         } else if (own.contains(it.key())) {
-            note = QStringLiteral("yours");
+            note = uiText("Live.Yours");
         }
         setText(item, NoteColumn, note);
     }
@@ -222,11 +217,7 @@ void LivePanel::apply(bool hold)
     const QString value = m_value->text();
     FieldOverlay& fields = m_app->fields();
     const bool ok = hold ? fields.hold(name, value) : fields.setField(name, value);
-    showMessage(m_message,
-                ok ? QString()
-                   : QStringLiteral("A field name is 1 to 64 letters, digits or _, and you can "
-                                    "have up to %1 fields of your own and %1 holds.")
-                         .arg(FieldOverlay::MaxFields),
+    showMessage(m_message, ok ? QString() : uiText("Live.BadField").arg(FieldOverlay::MaxFields),
                 !ok);
     refreshTable();
 }

@@ -2,6 +2,7 @@
 
 #include "panel_style.h"
 #include "source_manager.h"
+#include "ui_text.h"
 
 #include <QHBoxLayout>
 #include <QLabel>
@@ -14,8 +15,12 @@ LiveStatusSection::LiveStatusSection(SourceManager* sources, QWidget* parent)
     setObjectName(QStringLiteral("liveStatusPanel"));
     auto* layout = new QHBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
-    m_indicator = new QLabel(QStringLiteral("<b>● LIVE</b>"));
+    m_indicator = new QLabel(uiText("Live.Live"));
     m_indicator->setObjectName(QStringLiteral("liveIndicator"));
+    m_indicator->setTextFormat(Qt::PlainText);
+    QFont bold = m_indicator->font();
+    bold.setBold(true);
+    m_indicator->setFont(bold);
     m_status = wrappedLabel(QStringLiteral("liveStatus"));
     layout->addWidget(m_indicator, 0, Qt::AlignTop);
     layout->addWidget(m_status, 1);
@@ -26,11 +31,9 @@ LiveStatusSection::LiveStatusSection(SourceManager* sources, QWidget* parent)
 void LiveStatusSection::refresh()
 {
     const QString status = m_sources->status();
-    m_status->setText(status.isEmpty() ? QStringLiteral("Choose a device to see live scores.")
-                                       : status);
+    m_status->setText(status.isEmpty() ? uiText("Live.ChooseDevice") : status);
     // A live route that has gone quiet shows how quiet instead of claiming to be live.
-    m_indicator->setText(m_sources->isStale() ? QStringLiteral("<b>● STALE</b>")
-                                              : QStringLiteral("<b>● LIVE</b>"));
+    m_indicator->setText(m_sources->isStale() ? uiText("Live.StaleMark") : uiText("Live.Live"));
     m_indicator->setVisible(m_sources->isLive());
 }
 

@@ -2,6 +2,7 @@
 
 #include "app.h"
 #include "panel_style.h"
+#include "ui_text.h"
 
 #include <QLabel>
 #include <QVBoxLayout>
@@ -10,7 +11,7 @@ namespace vantorelle {
 
 RelaySection::RelaySection(App* app, QWidget* parent) : QWidget(parent), m_app(app)
 {
-    auto* layout = sectionLayout(this, "relayPanel", QStringLiteral("USB relays"));
+    auto* layout = sectionLayout(this, "relayPanel", uiText("Dock.Relays"));
     m_lines = wrappedLabel(QStringLiteral("relayLines"));
     layout->addWidget(m_lines);
     connect(m_app, &App::usbRelaysChanged, this, &RelaySection::refresh);

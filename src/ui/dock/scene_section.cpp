@@ -2,6 +2,7 @@
 
 #include "panel_style.h"
 #include "scene_actions.h"
+#include "ui_text.h"
 
 #include <QLabel>
 #include <QPushButton>
@@ -12,10 +13,10 @@ namespace vantorelle {
 SceneSection::SceneSection(SceneActions* actions, QWidget* parent)
     : QWidget(parent), m_actions(actions)
 {
-    auto* layout = sectionLayout(this, "scenePanel", QStringLiteral("Scene"));
-    auto* addText = new QPushButton(QStringLiteral("Add score text"));
+    auto* layout = sectionLayout(this, "scenePanel", uiText("Dock.Scene"));
+    auto* addText = new QPushButton(uiText("Dock.AddScoreText"));
     addText->setObjectName(QStringLiteral("addScoreText"));
-    m_addGraphics = new QPushButton(QStringLiteral("Add graphics"));
+    m_addGraphics = new QPushButton(uiText("Dock.AddGraphics"));
     m_addGraphics->setObjectName(QStringLiteral("addGraphics"));
     m_reason = wrappedLabel(QStringLiteral("graphicsUnavailable"));
     m_result = wrappedLabel(QStringLiteral("sceneResult"));

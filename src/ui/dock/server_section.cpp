@@ -3,6 +3,7 @@
 #include "app.h"
 #include "hosted_server.h"
 #include "panel_style.h"
+#include "ui_text.h"
 
 #include <QCheckBox>
 #include <QFormLayout>
@@ -14,19 +15,19 @@ namespace vantorelle {
 
 ServerSection::ServerSection(App* app, QWidget* parent) : QWidget(parent), m_app(app)
 {
-    auto* layout = sectionLayout(this, "serverPanel", QStringLiteral("Sharing server"));
-    m_enabled = new QCheckBox(QStringLiteral("Share live data with other programs"));
+    auto* layout = sectionLayout(this, "serverPanel", uiText("Dock.Server"));
+    m_enabled = new QCheckBox(uiText("Dock.ServerEnabled"));
     m_enabled->setObjectName(QStringLiteral("serverEnabled"));
     m_port = new QSpinBox;
     m_port->setObjectName(QStringLiteral("serverPort"));
     m_port->setRange(1, 65535);
     // A port is applied once typed in full, not at every digit.
     m_port->setKeyboardTracking(false);
-    m_allowNetwork = new QCheckBox(QStringLiteral("Allow other computers"));
+    m_allowNetwork = new QCheckBox(uiText("Dock.ServerAllowNetwork"));
     m_allowNetwork->setObjectName(QStringLiteral("serverAllowNetwork"));
     m_state = wrappedLabel(QStringLiteral("serverState"));
     auto* form = new QFormLayout;
-    form->addRow(QStringLiteral("Port"), m_port);
+    form->addRow(uiText("Dock.ServerPort"), m_port);
     layout->addWidget(m_enabled);
     layout->addLayout(form);
     layout->addWidget(m_allowNetwork);
@@ -62,15 +63,14 @@ void ServerSection::refresh()
     if (server->isListening()) {
         const int clients = server->clientCount();
         showMessage(m_state,
-                    QStringLiteral("Listening on port %1, %2 %3")
+                    uiText(clients == 1 ? "Dock.ListeningOne" : "Dock.ListeningMany")
                         .arg(server->serverPort())
-                        .arg(clients)
-                        .arg(clients == 1 ? QStringLiteral("client") : QStringLiteral("clients")),
+                        .arg(clients),
                     false);
     } else if (enabled && !server->lastError().isEmpty()) {
         showMessage(m_state, server->lastError(), true);
     } else {
-        showMessage(m_state, QStringLiteral("Not running"), false);
+        showMessage(m_state, uiText("Dock.NotRunning"), false);
     }
 }
 

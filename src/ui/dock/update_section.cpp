@@ -3,6 +3,7 @@
 #include "panel_style.h"
 #include "plugin_updater.h"
 #include "settings_store.h"
+#include "ui_text.h"
 
 #include <QCheckBox>
 #include <QDateTime>
@@ -37,14 +38,14 @@ UpdateBanner::UpdateBanner(PluginUpdater* updater, QWidget* parent)
     m_details->setTextFormat(Qt::PlainText);
     m_progress = new QProgressBar;
     m_progress->setObjectName(QStringLiteral("updateProgress"));
-    m_install = new QPushButton(QStringLiteral("Install"));
+    m_install = new QPushButton(uiText("Update.Install"));
     m_install->setObjectName(QStringLiteral("installUpdate"));
-    m_cancel = new QPushButton(QStringLiteral("Cancel"));
+    m_cancel = new QPushButton(uiText("Update.Cancel"));
     m_cancel->setObjectName(QStringLiteral("cancelUpdate"));
     m_download = wrappedLabel(QStringLiteral("downloadLink"));
     m_download->setOpenExternalLinks(true);
     m_restartNote = wrappedLabel(QStringLiteral("updateRestartNote"));
-    m_restartNote->setText(QStringLiteral("The new version takes effect when OBS restarts."));
+    m_restartNote->setText(uiText("Update.RestartNote"));
     auto* buttons = new QHBoxLayout;
     buttons->addWidget(m_progress, 1);
     buttons->addWidget(m_install);
@@ -69,7 +70,7 @@ void UpdateBanner::refresh()
     // After a failed download or install the same package can be tried again.
     const bool retry = state == PluginUpdater::Failed && m_updater->hasPackage();
     showAvailable(state == PluginUpdater::Available, state == PluginUpdater::Available || retry);
-    m_install->setText(retry ? QStringLiteral("Retry") : QStringLiteral("Install"));
+    m_install->setText(uiText(retry ? "Update.Retry" : "Update.Install"));
     m_cancel->setVisible(m_updater->canCancel());
     m_progress->setVisible(state == PluginUpdater::Downloading ||
                            state == PluginUpdater::Installing);
@@ -84,9 +85,9 @@ void UpdateBanner::showAvailable(bool available, bool installable)
     const UpdateManifest& manifest = m_updater->manifest();
     QString details;
     if (available) {
-        details = manifest.released.isEmpty() ? QStringLiteral("Version %1").arg(manifest.version)
-                                              : QStringLiteral("Version %1, released %2")
-                                                    .arg(manifest.version, manifest.released);
+        details = manifest.released.isEmpty()
+                      ? uiText("Update.Version").arg(manifest.version)
+                      : uiText("Update.VersionReleased").arg(manifest.version, manifest.released);
         if (!manifest.notes.isEmpty())
             details += QStringLiteral("\n") + manifest.notes;
     }
@@ -96,7 +97,7 @@ void UpdateBanner::showAvailable(bool available, bool installable)
     const QString page = m_updater->config().downloadPage;
     m_install->setVisible(selfUpdate);
     const bool link = available && !selfUpdate && !page.isEmpty();
-    m_download->setText(link ? QStringLiteral("<a href=\"%1\">Download version %2</a>")
+    m_download->setText(link ? uiText("Update.DownloadLink")
                                    .arg(page.toHtmlEscaped(), manifest.version.toHtmlEscaped())
                              : QString());
     m_download->setVisible(link);
@@ -105,12 +106,12 @@ void UpdateBanner::showAvailable(bool available, bool installable)
 UpdateSection::UpdateSection(PluginUpdater* updater, SettingsStore* settings, QWidget* parent)
     : QWidget(parent), m_updater(updater), m_settings(settings)
 {
-    auto* layout = sectionLayout(this, "updatePanel", QStringLiteral("Updates"));
+    auto* layout = sectionLayout(this, "updatePanel", uiText("Update.Title"));
     m_status = wrappedLabel(QStringLiteral("updateStatus"));
     m_status->setTextFormat(Qt::PlainText);
-    m_check = new QPushButton(QStringLiteral("Check now"));
+    m_check = new QPushButton(uiText("Update.CheckNow"));
     m_check->setObjectName(QStringLiteral("checkUpdates"));
-    m_autoCheck = new QCheckBox(QStringLiteral("Check for updates automatically"));
+    m_autoCheck = new QCheckBox(uiText("Update.AutoCheck"));
     m_autoCheck->setObjectName(QStringLiteral("autoCheckUpdates"));
     m_autoCheck->setChecked(m_settings->autoCheckUpdates());
     m_lastCheck = wrappedLabel(QStringLiteral("lastUpdateCheck"));
@@ -131,8 +132,8 @@ void UpdateSection::refresh()
     m_check->setEnabled(!m_updater->isBusy() && state != PluginUpdater::Installed);
     const double seconds = m_settings->lastUpdateCheck();
     m_lastCheck->setText(
-        seconds <= 0 ? QStringLiteral("Not checked yet")
-                     : QStringLiteral("Last checked %1")
+        seconds <= 0 ? uiText("Update.NotChecked")
+                     : uiText("Update.LastChecked")
                            .arg(QLocale().toString(QDateTime::fromSecsSinceEpoch(qint64(seconds)),
                                                    QLocale::ShortFormat)));
 }

@@ -2,6 +2,7 @@
 
 #include "app.h"
 #include "panel_style.h"
+#include "ui_text.h"
 
 #include <QLabel>
 #include <QLineEdit>
@@ -14,14 +15,15 @@ WizardCloudPage::WizardCloudPage(App* app, DeviceSession* session, const QString
                                  QWidget* parent)
     : QWidget(parent), m_app(app), m_session(session), m_via(via)
 {
-    QVBoxLayout* layout = sectionLayout(this, "cloudPage", tr("Your account"));
+    QVBoxLayout* layout = sectionLayout(this, "cloudPage", uiText("Wizard.CloudTitle"));
     m_account = wrappedLabel(QStringLiteral("cloudAccount"));
+    m_account->setTextFormat(Qt::PlainText); // the account's email
     layout->addWidget(m_account);
     m_code = new QLineEdit;
     m_code->setObjectName(QStringLiteral("claimCodeEdit"));
-    m_code->setPlaceholderText(tr("Claim code (only if the device shows one)"));
+    m_code->setPlaceholderText(uiText("Wizard.ClaimCodePlaceholder"));
     layout->addWidget(m_code);
-    m_add = new QPushButton(tr("Add to my account"));
+    m_add = new QPushButton(uiText("Wizard.AddToAccount"));
     m_add->setObjectName(QStringLiteral("addToAccount"));
     layout->addWidget(m_add, 0, Qt::AlignLeft);
     m_message = wrappedLabel(QStringLiteral("cloudMessage"));
@@ -37,10 +39,8 @@ WizardCloudPage::WizardCloudPage(App* app, DeviceSession* session, const QString
 void WizardCloudPage::followSignIn()
 {
     const bool signedIn = m_app->isSignedIn();
-    m_account->setText(signedIn
-                           ? tr("Add this device to the account %1.").arg(m_app->portal().email())
-                           : tr("Sign in to your account in the dock to add this device "
-                                "to it."));
+    m_account->setText(signedIn ? uiText("Wizard.AddToAccountAs").arg(m_app->portal().email())
+                                : uiText("Wizard.SignInFirst"));
     m_code->setVisible(signedIn);
     m_add->setVisible(signedIn);
 }
@@ -50,7 +50,7 @@ void WizardCloudPage::addToAccount()
     if (!m_session || !m_app->isSignedIn())
         return;
     m_add->setEnabled(false);
-    showMessage(m_message, tr("Adding the device to your account…"), false);
+    showMessage(m_message, uiText("Wizard.AddingToAccount"), false);
     QPointer<WizardCloudPage> self(this);
     m_session->getDeviceId([self](const RpcResult& result, const QString& id) {
         if (!self)
@@ -69,7 +69,7 @@ void WizardCloudPage::addToAccount()
                 if (!ok)
                     return self->fail(error);
                 self->m_add->setEnabled(true);
-                showMessage(self->m_message, tr("The device is now on your account."), false);
+                showMessage(self->m_message, uiText("Wizard.OnAccount"), false);
             });
         });
     });

@@ -2,6 +2,7 @@
 
 #include "http_admin_transport.h"
 #include "panel_style.h"
+#include "ui_text.h"
 
 #include <QHBoxLayout>
 #include <QLabel>
@@ -20,16 +21,16 @@ WizardConnectionPage::WizardConnectionPage(const QString& lastPort, PortLister l
       m_lister(lister ? std::move(lister) : PortLister([] { return listSerialPorts(); })),
       m_preferred(lastPort), m_bridge(bluetooth && bluetooth->isAvailable() ? bluetooth : nullptr)
 {
-    QVBoxLayout* layout = sectionLayout(this, "connectionPage", tr("Connect to the device"));
-    m_usb = new QRadioButton(tr("USB cable"));
+    QVBoxLayout* layout = sectionLayout(this, "connectionPage", uiText("Wizard.ConnectTitle"));
+    m_usb = new QRadioButton(uiText("Wizard.UseUsb"));
     m_usb->setObjectName(QStringLiteral("useUsb"));
-    m_network = new QRadioButton(tr("Local network"));
+    m_network = new QRadioButton(uiText("Wizard.UseNetwork"));
     m_network->setObjectName(QStringLiteral("useNetwork"));
     m_usb->setChecked(true);
     layout->addWidget(m_usb);
     layout->addWidget(m_network);
     if (m_bridge) {
-        m_bluetooth = new QRadioButton(tr("Bluetooth"));
+        m_bluetooth = new QRadioButton(uiText("Wizard.UseBluetooth"));
         m_bluetooth->setObjectName(QStringLiteral("useBluetooth"));
         layout->addWidget(m_bluetooth);
     }
@@ -40,13 +41,12 @@ WizardConnectionPage::WizardConnectionPage(const QString& lastPort, PortLister l
     m_count = wrappedLabel(QStringLiteral("portCount"));
     usbLayout->addWidget(m_count);
     QLabel* hint = wrappedLabel(QStringLiteral("portHint"));
-    hint->setText(tr("Use the USB port on the device (or on the wireless receiver). Close any "
-                     "serial monitor first."));
+    hint->setText(uiText("Wizard.PortHint"));
     usbLayout->addWidget(hint);
     m_ports = new QListWidget;
     m_ports->setObjectName(QStringLiteral("portList"));
     usbLayout->addWidget(m_ports);
-    auto* refresh = new QPushButton(tr("Refresh"));
+    auto* refresh = new QPushButton(uiText("Wizard.RefreshPorts"));
     refresh->setObjectName(QStringLiteral("refreshPorts"));
     usbLayout->addWidget(refresh, 0, Qt::AlignLeft);
     layout->addWidget(m_usbBox);
@@ -55,7 +55,7 @@ WizardConnectionPage::WizardConnectionPage(const QString& lastPort, PortLister l
     auto* networkLayout = new QVBoxLayout(m_networkBox);
     networkLayout->setContentsMargins(0, 0, 0, 0);
     QLabel* explain = wrappedLabel(QStringLiteral("addressHint"));
-    explain->setText(tr("Type the device's number (such as 12), its name or its IP address."));
+    explain->setText(uiText("Wizard.AddressHint"));
     networkLayout->addWidget(explain);
     m_address = new QLineEdit;
     m_address->setObjectName(QStringLiteral("addressEdit"));
@@ -67,19 +67,14 @@ WizardConnectionPage::WizardConnectionPage(const QString& lastPort, PortLister l
         connect(m_bluetooth, &QRadioButton::toggled, this, &WizardConnectionPage::updateMode);
     }
 
-    m_connect = new QPushButton(tr("Connect"));
-    m_connect->setObjectName(QStringLiteral("connectButton"));
-    layout->addWidget(m_connect, 0, Qt::AlignLeft);
     m_message = wrappedLabel(QStringLiteral("connectionMessage"));
     layout->addWidget(m_message);
     layout->addStretch();
     showMessage(m_message, {}, false);
 
     connect(refresh, &QPushButton::clicked, this, &WizardConnectionPage::refreshPorts);
-    connect(m_connect, &QPushButton::clicked, this, &WizardConnectionPage::openChosen);
     connect(m_usb, &QRadioButton::toggled, this, &WizardConnectionPage::updateMode);
     connect(m_network, &QRadioButton::toggled, this, &WizardConnectionPage::updateMode);
-    connect(m_address, &QLineEdit::returnPressed, this, &WizardConnectionPage::openChosen);
     refreshPorts();
     updateMode();
 }
@@ -91,15 +86,15 @@ void WizardConnectionPage::refreshPorts()
     m_ports->clear();
     const QList<UsbPortInfo> ports = m_lister();
     for (const UsbPortInfo& info : ports) {
-        QString text = info.description;
-        if (info.likely)
-            text += QString::fromUtf8("  – likely a Vantorelle device");
+        const QString text =
+            info.likely ? uiText("Wizard.LikelyDevice").arg(info.description) : info.description;
         auto* item = new QListWidgetItem(text, m_ports);
         item->setData(Qt::UserRole, info.port);
         if (info.port == keep)
             m_ports->setCurrentItem(item);
     }
-    m_count->setText(tr("%1 USB port(s) found. Pick the Vantorelle device.").arg(ports.size()));
+    m_count->setText((ports.size() == 1 ? uiText("Wizard.PortsOne") : uiText("Wizard.PortsMany"))
+                         .arg(ports.size()));
 }
 
 QWidget* WizardConnectionPage::buildBluetoothBox()
@@ -108,17 +103,17 @@ QWidget* WizardConnectionPage::buildBluetoothBox()
     auto* layout = new QVBoxLayout(box);
     layout->setContentsMargins(0, 0, 0, 0);
     m_bleCount = wrappedLabel(QStringLiteral("bluetoothCount"));
-    m_bleCount->setText(tr("Keep the device within a few metres of this computer, then scan."));
+    m_bleCount->setText(uiText("Wizard.BluetoothHint"));
     layout->addWidget(m_bleCount);
     m_bleDevices = new QListWidget;
     m_bleDevices->setObjectName(QStringLiteral("bluetoothList"));
     layout->addWidget(m_bleDevices);
-    m_scan = new QPushButton(tr("Scan"));
+    m_scan = new QPushButton(uiText("Wizard.ScanBluetooth"));
     m_scan->setObjectName(QStringLiteral("scanBluetooth"));
     layout->addWidget(m_scan, 0, Qt::AlignLeft);
     m_passkey = new QLineEdit;
     m_passkey->setObjectName(QStringLiteral("blePasskeyEdit"));
-    m_passkey->setPlaceholderText(tr("Pairing passkey, if the device asks for one"));
+    m_passkey->setPlaceholderText(uiText("Wizard.PasskeyPlaceholder"));
     layout->addWidget(m_passkey);
     connect(m_scan, &QPushButton::clicked, this, &WizardConnectionPage::scanBluetooth);
     return box;
@@ -129,7 +124,7 @@ void WizardConnectionPage::scanBluetooth()
     if (!m_bridge)
         return;
     m_scan->setEnabled(false);
-    showMessage(m_message, tr("Looking for Bluetooth devices…"), false);
+    showMessage(m_message, uiText("Wizard.ScanningBluetooth"), false);
     m_bridge->scan([self = QPointer<WizardConnectionPage>(this)](const RpcResult& result,
                                                                  const QList<BleDevice>& devices) {
         if (!self)
@@ -145,35 +140,41 @@ void WizardConnectionPage::showBluetoothDevices(const QList<BleDevice>& devices)
 {
     m_bleDevices->clear();
     for (const BleDevice& device : devices) {
-        auto* item = new QListWidgetItem(
-            tr("%1 (%2, %3 dBm)").arg(device.name, device.address).arg(device.rssi), m_bleDevices);
+        auto* item =
+            new QListWidgetItem(uiText("Wizard.BluetoothEntry")
+                                    .arg(device.name, device.address, QString::number(device.rssi)),
+                                m_bleDevices);
         item->setData(Qt::UserRole, device.address);
         item->setData(Qt::UserRole + 1, device.name);
     }
     if (!devices.isEmpty())
         m_bleDevices->setCurrentRow(0); // the strongest signal comes first
-    m_bleCount->setText(tr("%1 Bluetooth device(s) found.").arg(devices.size()));
+    m_bleCount->setText(
+        (devices.size() == 1 ? uiText("Wizard.BluetoothOne") : uiText("Wizard.BluetoothMany"))
+            .arg(devices.size()));
 }
 
-void WizardConnectionPage::setWaiting(bool waiting)
+void WizardConnectionPage::showWaiting()
 {
-    m_connect->setEnabled(!waiting);
-    if (waiting)
-        showMessage(m_message, tr("Connecting…"), false);
+    showMessage(m_message, uiText("Wizard.Connecting"), MessageKind::Plain);
 }
 
 void WizardConnectionPage::showFailure(const QString& sentence)
 {
-    m_connect->setEnabled(true);
-    showMessage(m_message, sentence, true);
+    showMessage(m_message, sentence, MessageKind::Failure);
 }
 
-void WizardConnectionPage::openChosen()
+void WizardConnectionPage::showNote(const QString& sentence)
+{
+    showMessage(m_message, sentence, MessageKind::Plain);
+}
+
+void WizardConnectionPage::connectChosen()
 {
     if (m_bluetooth && m_bluetooth->isChecked()) {
         QListWidgetItem* item = m_bleDevices->currentItem();
         if (!item)
-            return showFailure(tr("Scan, then pick a Bluetooth device first."));
+            return showFailure(uiText("Wizard.PickBluetooth"));
         return Q_EMIT bluetoothChosen(item->data(Qt::UserRole).toString(),
                                       item->data(Qt::UserRole + 1).toString(),
                                       m_passkey->text().trimmed());
@@ -181,13 +182,12 @@ void WizardConnectionPage::openChosen()
     if (m_usb->isChecked()) {
         QListWidgetItem* item = m_ports->currentItem();
         if (!item)
-            return showFailure(tr("Pick a USB port first."));
+            return showFailure(uiText("Wizard.PickPort"));
         return Q_EMIT usbChosen(item->data(Qt::UserRole).toString());
     }
     const QString host = normaliseDeviceAddress(m_address->text());
     if (host.isEmpty())
-        return showFailure(tr("That address cannot be used. Type the device's number (such as "
-                              "12), its name or its IP address."));
+        return showFailure(uiText("Wizard.BadAddress"));
     m_address->setText(host);
     Q_EMIT networkChosen(host);
 }

@@ -19,7 +19,7 @@ namespace vantorelle {
 
 // The first step of the setup wizard: how the computer reaches the device. A USB port from the
 // list, an address on the local network that the user types, or, when the Bluetooth helper is
-// there, a device found over Bluetooth.
+// there, a device found over Bluetooth. The wizard's Next button connects.
 class WizardConnectionPage : public QWidget
 {
     Q_OBJECT
@@ -33,10 +33,14 @@ public:
 
     void refreshPorts();
     void scanBluetooth();
-    // Opening runs: the page waits and says so.
-    void setWaiting(bool waiting);
-    // Opening failed: the sentence in red and the page usable again.
+    // Announces the connection chosen, or says in red what is missing.
+    void connectChosen();
+    // Opening runs: the page says so.
+    void showWaiting();
+    // Opening failed: the sentence in red.
     void showFailure(const QString& sentence);
+    // A remark that is no failure, such as an attempt the user stopped.
+    void showNote(const QString& sentence);
 
 Q_SIGNALS:
     void usbChosen(const QString& port);
@@ -45,7 +49,6 @@ Q_SIGNALS:
     void bluetoothChosen(const QString& address, const QString& name, const QString& passkey);
 
 private:
-    void openChosen();
     void updateMode();
     QWidget* buildBluetoothBox();
     void showBluetoothDevices(const QList<BleDevice>& devices);
@@ -66,7 +69,6 @@ private:
     QListWidget* m_ports = nullptr;
     QLabel* m_count = nullptr;
     QLineEdit* m_address = nullptr;
-    QPushButton* m_connect = nullptr;
     QLabel* m_message = nullptr;
 };
 

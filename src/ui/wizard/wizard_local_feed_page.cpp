@@ -2,6 +2,7 @@
 
 #include "local_feed_access.h"
 #include "panel_style.h"
+#include "ui_text.h"
 
 #include <QLabel>
 #include <QPushButton>
@@ -13,17 +14,16 @@ WizardLocalFeedPage::WizardLocalFeedPage(DeviceSession* session, SettingsStore* 
                                          QWidget* parent)
     : QWidget(parent), m_session(session), m_settings(settings)
 {
-    QVBoxLayout* layout = sectionLayout(this, "localFeedPage", tr("Live data on your network"));
+    QVBoxLayout* layout = sectionLayout(this, "localFeedPage", uiText("Wizard.LocalFeedTitle"));
     QLabel* explain = wrappedLabel(QStringLiteral("localFeedHint"));
-    explain->setText(tr("OBS can take the scores straight from the device when both are on the "
-                        "same network, without going through the cloud."));
+    explain->setText(uiText("Wizard.LocalFeedHint"));
     layout->addWidget(explain);
-    m_enable = new QPushButton(tr("Enable live data on this network"));
+    m_enable = new QPushButton(uiText("Wizard.EnableLiveData"));
     m_enable->setObjectName(QStringLiteral("enableLiveData"));
     layout->addWidget(m_enable, 0, Qt::AlignLeft);
     m_message = wrappedLabel(QStringLiteral("localFeedMessage"));
     layout->addWidget(m_message);
-    m_showToken = new QPushButton(tr("Show the access token"));
+    m_showToken = new QPushButton(uiText("Wizard.ShowToken"));
     m_showToken->setObjectName(QStringLiteral("showToken"));
     m_showToken->setCheckable(true);
     m_showToken->hide();
@@ -44,24 +44,24 @@ void WizardLocalFeedPage::enable()
     if (!m_session)
         return;
     m_enable->setEnabled(false);
-    showMessage(m_message, tr("Setting up live data…"), false);
-    setUpLocalFeed(m_session, m_settings,
-                   [self = QPointer<WizardLocalFeedPage>(this)](const RpcResult& result,
-                                                                const LocalFeedAccess& access) {
-                       if (!self)
-                           return;
-                       self->m_enable->setEnabled(true);
-                       const LanEntry& lan = access.entry;
-                       showMessage(self->m_message,
-                                   result.ok ? tr("Stored for %1 (%2): address %3, with its access "
-                                                  "token.")
-                                                   .arg(lan.name, access.deviceId, lan.host)
-                                             : result.message,
-                                   !result.ok);
-                       self->m_token->setText(result.ok ? lan.token : QString());
-                       self->m_showToken->setChecked(false);
-                       self->m_showToken->setVisible(result.ok);
-                   });
+    showMessage(m_message, uiText("Wizard.SettingUpLiveData"), false);
+    setUpLocalFeed(
+        m_session, m_settings,
+        [self = QPointer<WizardLocalFeedPage>(this)](const RpcResult& result,
+                                                     const LocalFeedAccess& access) {
+            if (!self)
+                return;
+            self->m_enable->setEnabled(true);
+            const LanEntry& lan = access.entry;
+            showMessage(
+                self->m_message,
+                result.ok ? uiText("Wizard.LiveDataStored").arg(lan.name, access.deviceId, lan.host)
+                          : result.message,
+                !result.ok);
+            self->m_token->setText(result.ok ? lan.token : QString());
+            self->m_showToken->setChecked(false);
+            self->m_showToken->setVisible(result.ok);
+        });
 }
 
 } // namespace vantorelle

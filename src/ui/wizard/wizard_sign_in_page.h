@@ -7,15 +7,15 @@
 
 class QLabel;
 class QLineEdit;
-class QPushButton;
 
 namespace vantorelle {
 
 class PasswordChangeForm;
 
-// The setup wizard's sign-in step. It follows the session: progress while signing in, a
-// password form when the device wants one, a change-password form when the device insists on a
-// new password, and the reason when signing in failed.
+// The setup wizard's sign-in step, shown when the device asks for its password. It follows the
+// session: a password form when the device wants one, a change-password form when the device
+// insists on a new password, progress while signing in, and the reason when signing in failed.
+// The wizard's Next button sends what the page holds.
 class WizardSignInPage : public QWidget
 {
     Q_OBJECT
@@ -25,10 +25,10 @@ public:
 
     void follow(DeviceSession* session);
     void showState(DeviceSession::State state, const QString& detail);
-
-Q_SIGNALS:
-    // The user gives up on this connection and picks another.
-    void startOver();
+    // True while a form waits for the user.
+    bool canSubmit() const;
+    // Signs in with the password typed, or changes it, as the form shown asks.
+    void submit();
 
 private:
     void signIn();
@@ -36,7 +36,9 @@ private:
     QString refusal() const;
 
     QPointer<DeviceSession> m_session;
+    DeviceSession::State m_state = DeviceSession::State::SigningIn;
     bool m_triedPassword = false; // the user gave a password on this connection
+    bool m_changing = false;      // a password change waits for the device's answer
     QLabel* m_progress = nullptr;
     QWidget* m_passwordForm = nullptr;
     QLineEdit* m_password = nullptr;
