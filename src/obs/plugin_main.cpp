@@ -2,6 +2,7 @@
 
 #include "app.h"
 #include "ble_helper_bridge.h"
+#include "devices_window.h"
 #include "dock.h"
 #include "graphics_source.h"
 #include "hotkeys.h"
@@ -11,11 +12,15 @@
 #include "panel_style.h"
 #include "text_source.h"
 #include "tls_support.h"
+#include "ui_text.h"
 #include "version.h"
+#include "websocket_vendor.h"
 #include "wrapped_source.h"
 
+#include <obs-frontend-api.h>
 #include <obs-module.h>
 
+#include <QAction>
 #include <QApplication>
 #include <QDir>
 #include <QJsonDocument>
@@ -31,6 +36,8 @@ namespace {
 constexpr const char* kDockId = "vantorelle-dock";
 
 QPointer<QWidget> s_dock;
+// "Vantorelle devices…" in OBS's Tools menu; OBS has no call to take it out, so unload deletes it.
+QPointer<QAction> s_devicesAction;
 vantorelle::ObsSceneActions s_sceneActions;
 
 // Takes a string libobs allocated for us.
@@ -183,6 +190,15 @@ void addDock()
     // Where OBS cannot take a dock out again, its contents must not outlive the application
     // object they show.
     QObject::connect(app, &QObject::destroyed, dock, [dock] { delete dock; });
+
+    // The devices window belongs to the dock, so it goes when the dock goes.
+    s_devicesAction = static_cast<QAction*>(
+        obs_frontend_add_tools_menu_qaction(obs_module_text("Devices.MenuItem")));
+    if (s_devicesAction)
+        QObject::connect(s_devicesAction, &QAction::triggered, dock, [] {
+            if (vantorelle::App* current = vantorelle::App::instance(); current && s_dock)
+                vantorelle::DevicesWindow::open(current, s_dock);
+        });
 }
 
 } // namespace
@@ -217,16 +233,27 @@ bool obs_module_load(void)
                      &vantorelle::refreshTextSources);
     registerProcedures();
     vantorelle::registerHotkeys();
-    vantorelle::setThemedByHost(true); // OBS's theme colours the messages
+    vantorelle::setThemedByHost(true);          // OBS's theme colours the messages
+    vantorelle::setTextLookup(obs_module_text); // the user's language, English where it has none
     addDock();
     return true;
 }
 
+// Every module has loaded: the websocket server, when there is one, takes requests now.
+void obs_module_post_load(void)
+{
+    vantorelle::guardCallback("obs_module_post_load", [] {
+        vantorelle::registerWebsocketVendor(vantorelle::App::instance());
+    });
+}
+
 void obs_module_unload(void)
 {
+    vantorelle::unregisterWebsocketVendor();
     vantorelle::unregisterHotkeys();
     vantorelle::compat::removeDock(kDockId);
     s_dock.clear();
+    delete s_devicesAction;
     vantorelle::BleHelperBridge::instance().shutdown();
 
     vantorelle::App* app = nullptr;
@@ -238,5 +265,6 @@ void obs_module_unload(void)
     delete app;
 
     blog(LOG_INFO, "[vantorelle] plugin unloaded");
+    vantorelle::setTextLookup(nullptr);
     vantorelle::setLogSink({});
 }

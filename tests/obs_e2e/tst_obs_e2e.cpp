@@ -8,8 +8,10 @@
 #include "sim/portal_server.h"
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QImage>
 #include <QProcess>
+#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QWebSocket>
 #include <QtTest>
@@ -26,8 +28,9 @@ class TestObsEndToEnd : public QObject
     QTemporaryDir m_dir;
     sim::PortalServer m_portal;
     QProcess m_obs;
-    QWebSocket m_socket; // to OBS's websocket server (protocol version 1, no password)
-    QList<QJsonObject> m_inbox;
+    QWebSocket m_socket;        // to OBS's websocket server (protocol version 1, no password)
+    QList<QJsonObject> m_inbox; // each message with its arrival ("at", ms of m_clock)
+    QElapsedTimer m_clock;
     quint16 m_sharingPort = 0;
 
     void send(const QByteArray& message) { m_socket.sendTextMessage(jsonText(message)); }
@@ -39,13 +42,37 @@ class TestObsEndToEnd : public QObject
         (void)QTest::qWaitFor(
             [&] {
                 for (qsizetype i = 0; i < m_inbox.size() && found.isEmpty(); ++i) {
-                    if (m_inbox.at(i)["op"].toInt() == op)
-                        found = m_inbox.takeAt(i)["d"].toObject();
+                    if (m_inbox.at(i)["op"].toInt() == op) {
+                        const QJsonObject message = m_inbox.takeAt(i);
+                        found = message["d"].toObject();
+                        found["at"] = message["at"];
+                    }
                 }
                 return !found.isEmpty() || m_socket.state() != QAbstractSocket::ConnectedState;
             },
             15000);
         return found;
+    }
+
+    // A request to the plug-in's vendor through OBS's websocket server, and the plug-in's answer.
+    // The server refuses empty request data: a request without any leaves it out.
+    QJsonObject vendorCall(const char* type, const char* data = nullptr)
+    {
+        send("{'op':6,'d':{'requestType':'CallVendorRequest','requestId':'v','requestData':"
+             "{'vendorName':'vantorelle','requestType':'" +
+             QByteArray(type) + "'" + (data ? ",'requestData':" + QByteArray(data) : "") + "}}}");
+        return next(7).value("responseData")["responseData"].toObject();
+    }
+    // The snapshot of the next "SnapshotChanged" event, with its arrival time in "at".
+    QJsonObject nextSnapshotEvent()
+    {
+        const QJsonObject event = next(5);
+        QJsonObject snapshot = event["eventData"]["eventData"].toObject();
+        snapshot["at"] = event["at"];
+        if (event["eventData"]["vendorName"] != "vantorelle" ||
+            event["eventData"]["eventType"] != "SnapshotChanged")
+            return {};
+        return snapshot;
     }
 
     QImage sourcePicture()
@@ -122,8 +149,13 @@ private Q_SLOTS:
         m_obs.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         m_obs.start(prefix + "/bin/obs", {"--disable-shutdown-check", "--multi"});
         QVERIFY(m_obs.waitForStarted(10000));
+        m_clock.start();
         QObject::connect(&m_socket, &QWebSocket::textMessageReceived, this,
-                         [this](const QString& text) { m_inbox << jsonObject(text.toUtf8()); });
+                         [this](const QString& text) {
+                             QJsonObject message = jsonObject(text.toUtf8());
+                             message["at"] = double(m_clock.elapsed());
+                             m_inbox << message;
+                         });
         // OBS takes a while to listen. It greets (op 0); identifying (1) is answered (2).
         const QUrl url(QString("ws://127.0.0.1:%1").arg(websocketPort));
         const auto knock = [&] {
@@ -133,7 +165,7 @@ private Q_SLOTS:
         };
         QTRY_VERIFY_WITH_TIMEOUT(knock(), 90000);
         QVERIFY(!next(0).isEmpty());
-        send("{'op':1,'d':{'rpcVersion':1}}");
+        send("{'op':1,'d':{'rpcVersion':1,'eventSubscriptions':512}}"); // vendor events
         QVERIFY(!next(2).isEmpty());
     }
 
@@ -183,6 +215,45 @@ private Q_SLOTS:
         QVERIFY(!window.isNull());
         QVERIFY(QDir().mkpath(VANTORELLE_ARTIFACT_DIR));
         QVERIFY(window.save(VANTORELLE_ARTIFACT_DIR "/obs-window.png"));
+    }
+
+    // Remote-control programs reach the plug-in through OBS's websocket server: its requests, and
+    // an event on every change of what the outputs show, sent on the change itself.
+    void websocketVendorRequestsAndEvents()
+    {
+        QVERIFY(logText().contains(
+            "[vantorelle] remote-control requests offered through the websocket server"));
+        m_inbox.clear();
+        QCOMPARE(vendorCall("SetOperatorField", "{'field':'sponsor','value':'Acme'}"),
+                 jsonObject(jsonText("{'fields':{'sponsor':'Acme'},'holds':{}}")));
+        QCOMPARE(nextSnapshotEvent().value("fields")["sponsor"].toString(), "Acme");
+        QCOMPARE(vendorCall("GetSnapshot").value("fields")["sponsor"].toString(), "Acme");
+        QCOMPARE(vendorCall("GetStatus")["device"].toString(), "vt-e2e-0001");
+        QCOMPARE(vendorCall("SetOperatorField", "{'field':'away score','value':'1'}"),
+                 jsonObject(jsonText("{'ok':false,'error':'bad_field'}")));
+        QCOMPARE(vendorCall("ReleaseOperatorField", "{'field':'sponsor'}"),
+                 jsonObject(jsonText("{'fields':{},'holds':{}}")));
+        QVERIFY(!nextSnapshotEvent().value("fields").toObject().contains("sponsor"));
+
+        // A score from the device: the event leaves with the sharing server's line.
+        QTcpSocket sharing;
+        sharing.connectToHost("127.0.0.1", m_sharingPort);
+        QVERIFY(sharing.waitForConnected(10000));
+        QByteArray shared;
+        double sharedAt = -1;
+        QObject::connect(&sharing, &QTcpSocket::readyRead, this, [&] {
+            shared += sharing.readAll();
+            if (sharedAt < 0 && shared.contains(R"("home_score":"7")"))
+                sharedAt = double(m_clock.elapsed());
+        });
+        m_portal.setLiveData("vt-e2e-0001", "hockey", {{"home_score", 7}, {"away_score", 0}});
+        QJsonObject event;
+        for (int i = 0; i < 30 && event.value("fields")["home_score"] != "7"; ++i)
+            event = nextSnapshotEvent();
+        QCOMPARE(event.value("fields")["home_score"].toString(), "7");
+        QTRY_VERIFY(sharedAt >= 0);
+        qInfo("SnapshotChanged arrived %.0f ms after the sharing server's line",
+              event.value("at").toDouble() - sharedAt);
     }
 };
 
