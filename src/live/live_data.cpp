@@ -133,21 +133,29 @@ bool LiveData::apply(const QJsonObject& envelope)
             m_sport = sport;
             sportChanged = true;
         }
-        // QJsonObject iterates in ascending key order.
+        // QJsonObject iterates in ascending key order. A value as it arrived is kept beside its
+        // text: an unchanged value (the common case: a clock that stands, heartbeats) is found by
+        // one hash lookup and compared as it is, without formatting a number or searching the
+        // ordered map. Meta keys are never kept, so a kept key needs no meta check.
         for (auto it = fields.constBegin(); it != fields.constEnd(); ++it) {
+            const QString key = it.key();
             const QJsonValue v = it.value();
-            if (isMetaKey(it.key()) || v.isObject() || v.isArray())
+            const auto raw = m_raw.constFind(key);
+            if (raw != m_raw.constEnd() && *raw == v)
                 continue;
+            if (isMetaKey(key) || v.isObject() || v.isArray())
+                continue;
+            m_raw.insert(key, v);
             const QString text = valueText(v);
-            auto stored = m_fields.find(it.key());
+            auto stored = m_fields.find(key);
             if (stored == m_fields.end()) {
-                m_fields.insert(it.key(), text);
+                m_fields.insert(key, text);
             } else if (*stored != text) {
-                *stored = text;
+                *stored = text; // 2 and 2.0 differ as they arrive, not as text
             } else {
                 continue;
             }
-            changedNames.append(it.key());
+            changedNames.append(key);
         }
         m_updatedAt = QDateTime::currentDateTimeUtc();
     }
@@ -166,6 +174,7 @@ void LiveData::clear()
         if (m_fields.isEmpty() && m_sport.isEmpty())
             return;
         m_fields.clear();
+        m_raw.clear();
         m_sport.clear();
         m_updatedAt = {};
     }

@@ -2,7 +2,9 @@
 
 #include <QByteArray>
 #include <QDateTime>
+#include <QHash>
 #include <QJsonObject>
+#include <QJsonValue>
 #include <QMap>
 #include <QMutex>
 #include <QObject>
@@ -51,6 +53,8 @@ private:
     mutable QMutex m_mutex;
     QString m_sport;
     QMap<QString, QString> m_fields;
+    // Each field's value as it last arrived, to recognise an unchanged one cheaply.
+    QHash<QString, QJsonValue> m_raw;
     QString m_source;
     QDateTime m_updatedAt;
 };
