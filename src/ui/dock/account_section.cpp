@@ -10,7 +10,6 @@
 #include <QPointer>
 #include <QPushButton>
 #include <QRegularExpressionValidator>
-#include <QStackedWidget>
 #include <QVBoxLayout>
 
 namespace vantorelle {
@@ -47,11 +46,11 @@ AccountSection::AccountSection(PortalClient* portal, QWidget* parent)
     : QWidget(parent), m_portal(portal)
 {
     auto* layout = sectionLayout(this, "accountPanel", uiText("Dock.Account"));
-    m_pages = new QStackedWidget;
-    m_pages->addWidget(buildSignInPage());
-    m_pages->addWidget(buildCodePage());
-    m_pages->addWidget(buildSignedInPage());
-    layout->addWidget(m_pages);
+    // The pages in one column, only the current one shown: a hidden page takes no room, and a
+    // wrapped line is as tall as its text (a stacked widget would keep the tallest page's height).
+    m_pages = {buildSignInPage(), buildCodePage(), buildSignedInPage()};
+    for (QWidget* page : std::as_const(m_pages))
+        layout->addWidget(page);
     m_error = wrappedLabel(QStringLiteral("accountError"));
     layout->addWidget(m_error);
     showMessage(m_error, {}, false);
@@ -131,10 +130,16 @@ void AccountSection::showSignedIn()
         m_challenge.clear();
         m_password->clear();
         m_account->setText(uiText("Dock.SignedInAs").arg(m_portal->email()));
-        m_pages->setCurrentIndex(SignedInPage);
+        showPage(SignedInPage);
     } else {
-        m_pages->setCurrentIndex(m_challenge.isEmpty() ? SignInPage : CodePage);
+        showPage(m_challenge.isEmpty() ? SignInPage : CodePage);
     }
+}
+
+void AccountSection::showPage(int page)
+{
+    for (int i = 0; i < m_pages.size(); ++i)
+        m_pages.at(i)->setVisible(i == page);
 }
 
 void AccountSection::signIn()

@@ -1,11 +1,11 @@
 #pragma once
 
+#include <QList>
 #include <QWidget>
 
 class QLabel;
 class QLineEdit;
 class QPushButton;
-class QStackedWidget;
 
 namespace vantorelle {
 
@@ -28,13 +28,14 @@ private:
     void signIn();
     void submitCode();
     void showSignedIn();
+    void showPage(int page);
     void finishSignIn(const PortalResult& result);
     void finishCode(const PortalResult& result);
     void showFailure(const QString& message);
     void setBusy(bool busy);
 
     PortalClient* m_portal;
-    QStackedWidget* m_pages = nullptr;
+    QList<QWidget*> m_pages; // sign-in, one-time code, signed in
     QLineEdit* m_email = nullptr;
     QLineEdit* m_password = nullptr;
     QPushButton* m_signIn = nullptr;
