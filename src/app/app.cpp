@@ -95,6 +95,11 @@ App::App(const AppEnvironment& environment, QObject* parent)
     });
     connect(&m_fields, &FieldOverlay::changed, m_server, &HostedServer::broadcast);
     connect(m_server, &HostedServer::clientsChanged, this, &App::serverStateChanged);
+    m_browserServer = new HostedServer(&m_live, this);
+    m_browserServer->setHttpOnly(true);
+    m_browserServer->setSnapshot([this] { return m_fields.toJsonLine(); });
+    connect(&m_fields, &FieldOverlay::changed, m_browserServer, &HostedServer::broadcast);
+    connect(m_browserServer, &HostedServer::clientsChanged, this, &App::serverStateChanged);
 
     connect(&m_portal, &PortalClient::signedInChanged, this, &App::onSignedInChanged);
 
@@ -108,10 +113,12 @@ App::~App()
 {
     // Clients are told at once, before the rest of the plug-in goes away.
     m_server->stop();
+    m_browserServer->stop();
     // The children use the portal, the live data and the settings, which are members and so
     // would go first: the children go now, explicitly, the route before the server it feeds.
     delete std::exchange(m_sourceManager, nullptr);
     delete std::exchange(m_server, nullptr);
+    delete std::exchange(m_browserServer, nullptr);
 }
 
 void App::configureUpdater(const AppEnvironment& environment)
@@ -481,6 +488,11 @@ void App::applyServerSettings()
     } else {
         m_server->stop();
     }
+    // The browsers' port follows; its failure shows in the dock (lastError), not in the log.
+    if (m_settings.serverEnabled() && m_settings.browserPort() > 0)
+        m_browserServer->start(quint16(m_settings.browserPort()), m_settings.serverAllowNetwork());
+    else
+        m_browserServer->stop();
     Q_EMIT serverStateChanged();
 }
 

@@ -90,6 +90,9 @@ public:
     SettingsStore& settings() { return m_settings; }
     SourceManager* sourceManager() const { return m_sourceManager; }
     HostedServer* server() const { return m_server; }
+    // The same data over HTTP alone, for browser sources: a browser may open a connection and
+    // speak on it only seconds later, which a port that greets line clients cannot wait for.
+    HostedServer* browserServer() const { return m_browserServer; }
     PluginUpdater& updater() { return m_updater; }
     bool isSignedIn() const { return m_portal.isSignedIn(); }
     const QList<DeviceEntry>& devices() const { return m_devices; }
@@ -181,6 +184,7 @@ private:
     QString m_outputsError;
     SourceManager* m_sourceManager = nullptr;
     HostedServer* m_server = nullptr;
+    HostedServer* m_browserServer = nullptr;
     QList<QPointer<CloudRelay>> m_relays;
     // The device last handed to the source manager.
     QString m_followed;

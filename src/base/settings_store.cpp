@@ -13,6 +13,7 @@ namespace {
 const char* const kSelectedDevice = "selected_device";
 const char* const kServerEnabled = "server_enabled";
 const char* const kServerPort = "server_port";
+const char* const kBrowserPort = "browser_port";
 const char* const kServerAllowNetwork = "server_allow_network";
 const char* const kShareConnection = "share_connection";
 const char* const kAutoCheckUpdates = "auto_check_updates";
@@ -120,6 +121,16 @@ int SettingsStore::staleAfterSeconds() const
 void SettingsStore::setStaleAfterSeconds(int seconds)
 {
     setValue(kStaleAfter, seconds);
+}
+
+int SettingsStore::browserPort() const
+{
+    return wholeValue(kBrowserPort, 0, 65535, DefaultBrowserPort);
+}
+
+void SettingsStore::setBrowserPort(int port)
+{
+    setValue(kBrowserPort, port);
 }
 
 int SettingsStore::serverPort() const

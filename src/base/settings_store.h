@@ -47,6 +47,7 @@ class SettingsStore
 {
 public:
     static constexpr quint16 DefaultServerPort = 9001;
+    static constexpr quint16 DefaultBrowserPort = 9002;
     static constexpr int DefaultStaleAfterSeconds = 30;
 
     void load(const QString& path);
@@ -61,6 +62,10 @@ public:
     int serverPort() const;
     void setServerPort(int port);
     bool serverAllowNetwork() const;
+    // The port that speaks HTTP alone, for browser sources (0: none); it runs with the sharing
+    // server, under the same rule for other computers.
+    int browserPort() const;
+    void setBrowserPort(int port);
     void setServerAllowNetwork(bool allow);
     bool shareConnection() const;
     void setShareConnection(bool share);

@@ -5,6 +5,7 @@
 #include "common/app_support.h"
 #include "common/test_support.h"
 #include "device_session.h"
+#include "hosted_server.h"
 #include "log.h"
 #include "sim/feed_server.h"
 #include "sim/portal_server.h"
@@ -311,6 +312,26 @@ private Q_SLOTS:
         QVERIFY(app->fields().hold("away_score", "4"));
         outageAndBack();
         QCOMPARE(app->fields().value("away_score"), "4");
+    }
+    // Browsers get a port of their own that speaks HTTP alone, with the same merged fields.
+    void browserPort()
+    {
+        const quint16 port = freePort();
+        auto app = makeApp({{"server_enabled", true},
+                            {"server_port", freePort()},
+                            {"browser_port", port},
+                            {"operator_fields", object(R"({"sponsor":"Acme"})")}});
+        QCOMPARE(app->browserServer()->serverPort(), port);
+        QTcpSocket browser;
+        browser.connectToHost("127.0.0.1", port);
+        QVERIFY(browser.waitForConnected(5000));
+        browser.write("GET /fields/sponsor.txt HTTP/1.1\r\nHost: x\r\n\r\n");
+        QByteArray answer;
+        QTRY_VERIFY((answer += browser.readAll()).endsWith("Acme"));
+        QVERIFY2(answer.startsWith("HTTP/1.1 200 OK\r\n"), answer.constData());
+        app->settings().setBrowserPort(0);
+        app->applyServerSettings();
+        QVERIFY(!app->browserServer()->isListening() && app->server()->isListening());
     }
     void outputsRefresh()
     {

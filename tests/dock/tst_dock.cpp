@@ -356,9 +356,12 @@ void TestDock::otherSections()
         SceneActionResult addGraphics() override { return {}; }
         int added = 0;
     } actions;
-    const quint16 first = freePort();
-    makeDock({{"server_enabled", true}, {"server_port", first}}, &actions);
+    const quint16 first = freePort(), browsers = freePort();
+    makeDock({{"server_enabled", true}, {"server_port", first}, {"browser_port", browsers}},
+             &actions);
     QCOMPARE(text("serverState"), QStringLiteral("Listening on port %1, 0 clients").arg(first));
+    QCOMPARE(text("browserState"),
+             QStringLiteral("Browser sources: http://127.0.0.1:%1/overlay").arg(browsers));
     LineClient client;
     QVERIFY(client.connectTo("127.0.0.1", first));
     QTRY_COMPARE(text("serverState"), QStringLiteral("Listening on port %1, 1 client").arg(first));
@@ -369,6 +372,7 @@ void TestDock::otherSections()
     QVERIFY2(text("serverState").startsWith(busy) && red("serverState"), qPrintable(busy));
     type({{"serverEnabled", false}});
     QCOMPARE(text("serverState"), "Not running");
+    QCOMPARE(text("browserState"), "");
     QVERIFY(!child(root(), "serverPort")->isEnabled());
 
     QVERIFY(!child(root(), "addGraphics")->isEnabled());

@@ -20,6 +20,27 @@
 using namespace vantorelle;
 using namespace vantorelle::test;
 
+// The headers that end every HTTP answer.
+#define LAST_HEADERS                                                                               \
+    "Cache-Control: no-store\r\nAccess-Control-Allow-Origin: *\r\n"                                \
+    "X-Content-Type-Options: nosniff\r\nConnection: close\r\n\r\n"
+
+namespace {
+
+// The next `size` bytes the socket receives; fewer when it closes or nothing comes for 5 s.
+QByteArray take(QTcpSocket& socket, qsizetype size)
+{
+    [[maybe_unused]] const bool arrived = QTest::qWaitFor(
+        [&] {
+            return socket.bytesAvailable() >= size ||
+                   socket.state() != QAbstractSocket::ConnectedState;
+        },
+        5000);
+    return socket.read(size);
+}
+
+} // namespace
+
 class TestHostedServer : public QObject
 {
     Q_OBJECT
@@ -235,6 +256,218 @@ private Q_SLOTS:
         QVERIFY(m_server->start(0, true));
         QVERIFY(canConnect(address, m_server->serverPort()));
         QVERIFY(canConnect("127.0.0.1", m_server->serverPort()));
+    }
+    // What an HTTP client that sends `request` to `host` gets back, up to the server's close.
+    QByteArray ask(const QByteArray& request, const QString& host = "127.0.0.1")
+    {
+        LineClient client;
+        if (!client.connectTo(host, m_server->serverPort()))
+            return "no connection";
+        client.send(request);
+        if (!client.waitForClose())
+            return "not closed";
+        return client.socket().readAll();
+    }
+
+    // A connection that opens with a request line is answered as HTTP, once, and closed.
+    void httpAnswers_data()
+    {
+        QTest::addColumn<QByteArray>("request");
+        QTest::addColumn<QByteArray>("answer");
+        const QByteArray text = "HTTP/1.1 200 OK\r\nContent-Type: text/plain; charset=utf-8\r\n";
+        const QByteArray notFound =
+            "HTTP/1.1 404 Not Found\r\nContent-Type: text/plain; charset=utf-8\r\n"
+            "Content-Length: 102\r\n" LAST_HEADERS
+            "Not found. This server answers /overlay, /events, /snapshot.json, /snapshot.xml and "
+            "/fields/NAME.txt.\n";
+        QTest::newRow("field") << QByteArray("GET /fields/home_score.txt HTTP/1.1\r\n"
+                                             "Host: 127.0.0.1\r\nUser-Agent: t\r\n\r\n")
+                               << text + "Content-Length: 1\r\n" LAST_HEADERS "2";
+        QTest::newRow("head") << QByteArray("HEAD /fields/home_score.txt HTTP/1.1\r\n\r\n")
+                              << text + "Content-Length: 1\r\n" LAST_HEADERS;
+        QTest::newRow("escaped name, query, bare line feeds")
+            << QByteArray("GET /fields/away%20score.txt?t=5 HTTP/1.0\nHost: x\n\n")
+            << text + "Content-Length: 1\r\n" LAST_HEADERS "0";
+        QTest::newRow("utf-8") << QByteArray("GET /fields/team.txt HTTP/1.1\r\n\r\n")
+                               << text + "Content-Length: 15\r\n" LAST_HEADERS
+                                         "Z\xc3\xbcrich & <Co>\x01";
+        QTest::newRow("sport") << QByteArray("GET /fields/sport.txt HTTP/1.1\r\n\r\n")
+                               << text + "Content-Length: 6\r\n" LAST_HEADERS "hockey";
+        QTest::newRow("unknown field")
+            << QByteArray("GET /fields/clock.txt HTTP/1.1\r\n\r\n") << notFound;
+        QTest::newRow("unknown path") << QByteArray("GET / HTTP/1.1\r\n\r\n") << notFound;
+        QTest::newRow("other method")
+            << QByteArray("POST /snapshot.json HTTP/1.1\r\nContent-Length: 0\r\n\r\n")
+            << QByteArray("HTTP/1.1 405 Method Not Allowed\r\nContent-Type: text/plain; "
+                          "charset=utf-8\r\nContent-Length: 37\r\nAllow: GET, HEAD\r\n" LAST_HEADERS
+                          "Only GET and HEAD are answered here.\n");
+        QTest::newRow("absolute form")
+            << QByteArray("GET http://127.0.0.1/snapshot.json HTTP/1.1\r\n\r\n")
+            << QByteArray("HTTP/1.1 400 Bad Request\r\nContent-Type: text/plain; charset=utf-8\r\n"
+                          "Content-Length: 13\r\n" LAST_HEADERS "Bad request.\n");
+        QTest::newRow("xml")
+            << QByteArray("GET /snapshot.xml HTTP/1.1\r\n\r\n")
+            << QByteArray(
+                   "HTTP/1.1 200 OK\r\nContent-Type: application/xml; charset=utf-8\r\n"
+                   "Content-Length: 297\r\n" LAST_HEADERS
+                   "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<scoreboard><sport>hockey</sport>"
+                   "<_x0031_st>1</_x0031_st><_x005F_x0041_>a</_x005F_x0041_>"
+                   "<away_x0020_score>0</away_x0020_score><home_score>2</home_score>"
+                   "<team>Z\xc3\xbcrich &amp; &lt;Co&gt;</team><x_x003A_y>z</x_x003A_y>"
+                   "<_x00E9_quipe>b</_x00E9_quipe>"
+                   "</scoreboard>\n");
+    }
+    void httpAnswers()
+    {
+        QFETCH(QByteArray, request);
+        QFETCH(QByteArray, answer);
+        QVERIFY(m_live.apply(jsonObject(jsonText("{'fields':{'away score':0,'1st':1,"
+                                                 "'_x0041_':'a','x:y':'z','\xc3\xa9quipe':'b',"
+                                                 "'team':'Z\xc3\xbcrich & <Co>\\u0001'}}"))));
+        QSignalSpy counts(m_server.get(), &HostedServer::clientsChanged);
+        QCOMPARE(ask(request), answer);
+        QCOMPARE(counts.count(), 0); // a one-off request is no client of the data
+    }
+    // The JSON document is the very line a line client gets; both come on the same port.
+    void snapshotJsonIsTheLine()
+    {
+        LineClient client;
+        QVERIFY(connectClient(client));
+        const QByteArray line = snapshot() + "\n";
+        QCOMPARE(ask("GET /snapshot.json HTTP/1.1\r\n\r\n"),
+                 "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: " +
+                     QByteArray::number(line.size()) + "\r\n" LAST_HEADERS + line);
+        client.send("get\n");
+        QCOMPARE(client.readLine() + "\n", line);
+    }
+    // An event stream gets the snapshot at once, every change, and a comment while quiet; a line
+    // client beside it gets the changes and no comment.
+    void eventStream()
+    {
+        QByteArray current = "{\"n\":1}\n";
+        m_server->setSnapshot([&] { return current; });
+        LineClient lines, events;
+        QVERIFY(lines.connectTo("127.0.0.1", m_server->serverPort()));
+        QCOMPARE(lines.readLine(), "{\"n\":1}");
+        QVERIFY(events.connectTo("127.0.0.1", m_server->serverPort()));
+        events.send("GET /events HTTP/1.1\r\nAccept: text/event-stream\r\n\r\n");
+        const QByteArray head = "HTTP/1.1 200 OK\r\nContent-Type: text/event-stream; "
+                                "charset=utf-8\r\n" LAST_HEADERS "retry: 1000\ndata: {\"n\":1}\n\n";
+        QCOMPARE(take(events.socket(), head.size()), head);
+        QTRY_COMPARE(m_server->clientCount(), 2);
+        current = "{\"n\":2}\n";
+        m_server->broadcast();
+        QCOMPARE(take(events.socket(), 15), "data: {\"n\":2}\n\n");
+        QCOMPARE(lines.readLine(), "{\"n\":2}");
+        m_server->setKeepAliveInterval(10);
+        QCOMPARE(take(events.socket(), 14), ": keep-alive\n\n");
+        m_server->setKeepAliveInterval(60000);
+        current = "{\"n\":3}\n";
+        m_server->broadcast();
+        QCOMPARE(lines.readLine(), "{\"n\":3}");
+        events.socket().disconnectFromHost();
+        QTRY_COMPARE(m_server->clientCount(), 1);
+    }
+    // An event stream that is not read is dropped once 1 MiB waits for it, as a line client is.
+    void unreadEventStreamIsDropped()
+    {
+        const int silent = ::socket(AF_INET, SOCK_STREAM, 0);
+        const int small = 4096;
+        setsockopt(silent, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(m_server->serverPort());
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        QCOMPARE(::connect(silent, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        const auto closeSilent = qScopeGuard([silent] { ::close(silent); });
+        const char request[] = "GET /events HTTP/1.1\r\n\r\n";
+        QCOMPARE(::write(silent, request, sizeof request - 1), ssize_t(sizeof request - 1));
+        QTRY_COMPARE(m_server->clientCount(), 1);
+        const QByteArray big = "{\"pad\":\"" + QByteArray(65536, 'p') + "\"}\n";
+        m_server->setSnapshot([&] { return big; });
+        int changes = 0;
+        while (m_server->clientCount() == 1 && changes < 200) {
+            m_server->broadcast();
+            ++changes;
+            QCoreApplication::processEvents();
+        }
+        QCOMPARE(m_server->clientCount(), 0);
+        QVERIFY2(changes > 16, "dropped before 1 MiB was waiting");
+    }
+    // The request line and headers may take 8 KiB together; more and the client is dropped
+    // unanswered, as is a request line that grows past that without ending.
+    void requestHeadCap()
+    {
+        auto head = [](int size) {
+            const QByteArray start = "GET /nowhere HTTP/1.1\r\nX-Pad: ";
+            return start + QByteArray(size - start.size() - 4, 'a') + "\r\n\r\n";
+        };
+        QVERIFY(ask(head(8192)).startsWith("HTTP/1.1 404 Not Found\r\n"));
+        QCOMPARE(ask(head(8193)), QByteArray());
+        QCOMPARE(ask("GET /" + QByteArray(9000, 'a')), QByteArray());
+        QTRY_COMPARE(m_server->clientCount(), 0);
+    }
+    // Every value of the query string is checked; the template reaches the script only escaped.
+    void overlayPage()
+    {
+        const QByteArray plain = ask("GET /overlay?template={home_score}%20-%20{away_score}"
+                                     "&font=Arial&size=64&color=%23ffffff&background=transparent "
+                                     "HTTP/1.1\r\n\r\n");
+        QVERIFY2(plain.startsWith("HTTP/1.1 200 OK\r\nContent-Type: text/html; charset=utf-8\r\n"),
+                 plain);
+        for (const QByteArray& part :
+             {QByteArray("\r\nContent-Security-Policy: default-src 'none'; style-src "
+                         "'unsafe-inline'; script-src 'unsafe-inline'; connect-src 'self'\r\n"),
+              QByteArray("background: transparent; }"),
+              QByteArray("#score { font-family: \"Arial\", sans-serif; font-size: 64px; "
+                         "font-weight: normal; color: #ffffff;\n         text-align: left;"),
+              QByteArray("var template = \"{home_score} - {away_score}\";"),
+              QByteArray("new EventSource(\"/events\")")})
+            QVERIFY2(plain.contains(part), part);
+        QVERIFY(!plain.contains("http://") && !plain.contains("https://") &&
+                !plain.contains("src="));
+
+        const QByteArray hostile =
+            ask("GET /overlay?template=%3C/script%3E%3Cb%3E%22%27%5C%E2%80%A8{sport}"
+                "&font=Arial%3C/style%3E&size=9;x&color=red;background:url(x)&background=ff0000"
+                "&weight=bold&align=right%22 HTTP/1.1\r\n\r\n");
+        for (const QByteArray& part :
+             {QByteArray("background: #ff0000; }"),
+              QByteArray("#score { font-family: sans-serif; font-size: 64px; font-weight: bold; "
+                         "color: #ffffff;\n         text-align: left;"),
+              QByteArray("var template = "
+                         "\"\\u003c\\u002fscript\\u003e\\u003cb\\u003e\\u0022\\u0027\\u005c\\u2028{"
+                         "sport}\";")})
+            QVERIFY2(hostile.contains(part), part);
+        QCOMPARE(hostile.count("</style>"), 1);
+        QCOMPARE(hostile.count("</script>"), 1);
+    }
+    // An HTTP-only server greets nobody and drops a connection that opens with anything else.
+    void httpOnly()
+    {
+        m_server = std::make_unique<HostedServer>(&m_live);
+        m_server->setHttpOnly(true);
+        m_server->setGreetingDelay(0);
+        QVERIFY(m_server->start(0, false));
+        LineClient quiet;
+        QVERIFY(quiet.connectTo("127.0.0.1", m_server->serverPort()));
+        // By the time this is answered a greeting would long have gone out.
+        QVERIFY(ask("GET /fields/home_score.txt HTTP/1.1\r\n\r\n").endsWith("\r\n\r\n2"));
+        quiet.send("get\n");
+        QVERIFY(quiet.waitForClose());
+        QCOMPARE(quiet.socket().readAll(), QByteArray());
+        QCOMPARE(m_server->clientCount(), 0);
+    }
+    // HTTP comes through the same listening socket, on the same terms.
+    void httpOnLoopbackUnlessNetworkAllowed()
+    {
+        const QString address = nonLoopbackAddress();
+        if (address.isEmpty())
+            QSKIP("this machine has no non-loopback address");
+        const QByteArray request = "GET /fields/home_score.txt HTTP/1.1\r\n\r\n";
+        QCOMPARE(ask(request, address), "no connection");
+        QVERIFY(m_server->start(0, true));
+        QVERIFY(ask(request, address).endsWith("\r\n\r\n2"));
     }
     // Regression: a handler that stops the server must not leave replies for closed clients.
     void handlerMayStopTheServer()

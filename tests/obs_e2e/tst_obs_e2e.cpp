@@ -32,6 +32,7 @@ class TestObsEndToEnd : public QObject
     QList<QJsonObject> m_inbox; // each message with its arrival ("at", ms of m_clock)
     QElapsedTimer m_clock;
     quint16 m_sharingPort = 0;
+    quint16 m_browserPort = 0;
 
     void send(const QByteArray& message) { m_socket.sendTextMessage(jsonText(message)); }
 
@@ -118,10 +119,12 @@ private Q_SLOTS:
                       [&](const PortalResult& r) { signedIn = r.ok; });
         QTRY_VERIFY(signedIn);
         m_sharingPort = freePort();
+        m_browserPort = freePort();
         const QString settings = m_dir.filePath("settings.json");
         writeFile(settings, jsonText("{'selected_device':'vt-e2e-0001','server_enabled':true,"
                                      "'auto_check_updates':false,'server_port':") +
-                                QByteArray::number(m_sharingPort) + "}");
+                                QByteArray::number(m_sharingPort) +
+                                ",\"browser_port\":" + QByteArray::number(m_browserPort) + "}");
         const quint16 websocketPort = freePort();
         const QString config = m_dir.filePath("config");
         QProcess profile;
@@ -254,6 +257,27 @@ private Q_SLOTS:
         QTRY_VERIFY(sharedAt >= 0);
         qInfo("SnapshotChanged arrived %.0f ms after the sharing server's line",
               event.value("at").toDouble() - sharedAt);
+    }
+
+    // What other programs read over HTTP from the plug-in in OBS, fetched with curl: the XML on
+    // the sharing server's port, the event stream on the browsers' port.
+    void httpWithCurl()
+    {
+        const auto curl = [](const QStringList& arguments) {
+            QProcess process;
+            process.start("curl", QStringList{"-sS", "--max-time", "3"} + arguments);
+            process.waitForFinished(10000);
+            return QString::fromUtf8(process.readAllStandardOutput());
+        };
+        const QString xml = curl({QString("http://127.0.0.1:%1/snapshot.xml").arg(m_sharingPort)});
+        QVERIFY2(xml.startsWith("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<scoreboard>"
+                                "<sport>hockey</sport><away_score>0</away_score>"),
+                 qPrintable(xml));
+        // A stream never ends: curl gives up after its time limit, with what came so far.
+        const QString events =
+            curl({"-N", QString("http://127.0.0.1:%1/events").arg(m_browserPort)});
+        QVERIFY2(events.startsWith("retry: 1000\ndata: {"), qPrintable(events));
+        QVERIFY(events.contains(R"("fields":{"away_score":"0")"));
     }
 };
 

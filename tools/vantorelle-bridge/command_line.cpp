@@ -31,6 +31,8 @@ const QList<QCommandLineOption>& allOptions()
         valued("password", "PW"),
         valued("name", "NAME"),
         valued("serve", "PORT"),
+        valued("http", "PORT"),
+        valued("files", "DIR"),
         flag("allow-network"),
         flag("json"),
         valued("timeout", "MS"),
@@ -94,6 +96,7 @@ bool readWatch(const QCommandLineParser& parser, const QStringList& rest, WatchC
                      {QStringLiteral("usb"), QStringLiteral("lan"), QStringLiteral("cloud"),
                       QStringLiteral("token"), QStringLiteral("feed-port"),
                       QStringLiteral("password"), QStringLiteral("name"), QStringLiteral("serve"),
+                      QStringLiteral("http"), QStringLiteral("files"),
                       QStringLiteral("allow-network"), QStringLiteral("json"),
                       QStringLiteral("session")},
                      problem))
@@ -118,17 +121,33 @@ bool readWatch(const QCommandLineParser& parser, const QStringList& rest, WatchC
         }
         watch->feedPort = *port;
     }
-    if (parser.isSet(QStringLiteral("serve"))) {
-        watch->servePort = portValue(parser.value(QStringLiteral("serve")), true);
-        if (!watch->servePort) {
-            *problem = QStringLiteral("--serve takes a port from 0 to 65535");
+    for (const auto& [option, port] : {std::pair{QStringLiteral("serve"), &watch->servePort},
+                                       std::pair{QStringLiteral("http"), &watch->httpPort}}) {
+        if (!parser.isSet(option))
+            continue;
+        *port = portValue(parser.value(option), true);
+        if (!*port) {
+            *problem = QStringLiteral("--%1 takes a port from 0 to 65535").arg(option);
             return false;
         }
     }
-    watch->allowNetwork = parser.isSet(QStringLiteral("allow-network"));
-    if (watch->allowNetwork && !watch->servePort) {
-        *problem = QStringLiteral("--allow-network needs --serve");
+    if (watch->servePort && watch->httpPort && *watch->servePort == *watch->httpPort &&
+        *watch->servePort != 0) {
+        *problem = QStringLiteral("--serve and --http need different ports (--serve answers "
+                                  "HTTP as well)");
         return false;
+    }
+    watch->allowNetwork = parser.isSet(QStringLiteral("allow-network"));
+    if (watch->allowNetwork && !watch->servePort && !watch->httpPort) {
+        *problem = QStringLiteral("--allow-network needs --serve or --http");
+        return false;
+    }
+    if (parser.isSet(QStringLiteral("files"))) {
+        watch->filesFolder = parser.value(QStringLiteral("files"));
+        if (watch->filesFolder.isEmpty()) {
+            *problem = QStringLiteral("--files takes a folder");
+            return false;
+        }
     }
     watch->json = parser.isSet(QStringLiteral("json"));
     watch->password = parser.value(QStringLiteral("password"));
@@ -265,7 +284,8 @@ QString usageText()
         "  vantorelle-bridge ports\n"
         "  vantorelle-bridge watch (--usb PORT [--password PW] | --lan HOST --token TOKEN\n"
         "                          [--feed-port N] | --cloud DEVICE_ID [--session FILE])\n"
-        "                          [--name NAME] [--serve PORT [--allow-network]] [--json]\n"
+        "                          [--name NAME] [--serve PORT] [--http PORT]\n"
+        "                          [--allow-network] [--files DIR] [--json]\n"
         "  vantorelle-bridge call (--usb PORT | --lan HOST) --password PW [--timeout MS]\n"
         "                         METHOD [PARAMS_JSON]\n"
         "  vantorelle-bridge update --install-dir DIR [--manifest URL] [--staging DIR]\n"
@@ -299,9 +319,29 @@ QString usageText()
         "  --feed-port N      The device's live feed port (with --lan; default 1010).\n"
         "  --name NAME        The device's name in status sentences.\n"
         "  --serve PORT       Share the live data with other programs: a TCP server that\n"
-        "                     writes one JSON line per update (0 picks a free port).\n"
-        "  --allow-network    Accept sharing clients from other machines, not only from\n"
-        "                     this one.\n"
+        "                     writes one JSON line per update (0 picks a free port). A\n"
+        "                     connection that opens with an HTTP request is answered as\n"
+        "                     --http does.\n"
+        "  --http PORT        Serve the live data over HTTP alone (0 picks a free port):\n"
+        "                       /overlay          a scorebug page for a browser source;\n"
+        "                                         ?template={home_score}%20-%20{away_score}\n"
+        "                                         &font=Arial&size=64&color=%23ffffff\n"
+        "                                         &background=transparent&weight=bold\n"
+        "                                         &align=center choose its look\n"
+        "                       /events           Server-Sent Events: the snapshot, then\n"
+        "                                         one event per change\n"
+        "                       /snapshot.json    the snapshot, as a --serve client gets it\n"
+        "                       /snapshot.xml     the sport and one element per field\n"
+        "                       /fields/NAME.txt  one field's text\n"
+        "                     Browsers should use this port rather than --serve's: one that\n"
+        "                     keeps a spare connection open gets it greeted as a JSON line\n"
+        "                     client there.\n"
+        "  --allow-network    Accept clients of --serve and --http from other machines, not\n"
+        "                     only from this one.\n"
+        "  --files DIR        Keep one UTF-8 text file per field in DIR (DIR/NAME.txt),\n"
+        "                     replaced in one step when its value changes and emptied when\n"
+        "                     the field goes away. Fields whose names hold other characters\n"
+        "                     than letters, digits, \"_\" and \"-\" get no file.\n"
         "  --json             Print every snapshot of the live data as one JSON line on\n"
         "                     standard output.\n"
         "  --timeout MS       How long call waits for the device's answer (default 20000).\n"

@@ -31,7 +31,9 @@ struct WatchCommand
     QString token;
     quint16 feedPort = 1010;
     std::optional<quint16> servePort;
+    std::optional<quint16> httpPort; // HTTP alone, for browsers and other HTTP readers
     bool allowNetwork = false;
+    QString filesFolder; // empty: no text files
     bool json = false;
 };
 

@@ -3,6 +3,8 @@
 #include "console.h"
 #include "device_connection.h"
 
+#include <QDir>
+
 namespace vantorelle::bridge {
 
 namespace {
@@ -19,13 +21,20 @@ SourceManagerSettings sourceSettings(const WatchCommand& command)
 Watch::Watch(const WatchCommand& command, const QString& portalUrl, const QString& sessionFile,
              QObject* parent)
     : QObject(parent), m_command(command), m_sessionFile(sessionFile), m_portal(portalUrl),
-      m_sources(&m_portal, &m_live, sourceSettings(command)), m_server(&m_live)
+      m_sources(&m_portal, &m_live, sourceSettings(command)), m_server(&m_live),
+      m_httpServer(&m_live)
 {
     connect(&m_sources, &SourceManager::statusChanged, this, &Watch::printStatus);
     if (m_command.json)
         connect(&m_live, &LiveData::changed, this, &Watch::printSnapshot);
     connect(&m_live, &LiveData::changed, &m_server, &HostedServer::broadcast);
+    connect(&m_live, &LiveData::changed, &m_httpServer, &HostedServer::broadcast);
     m_server.setHandler([this](const QString& op, const QJsonObject&) { return answer(op); });
+    m_httpServer.setHttpOnly(true);
+    if (!m_command.filesFolder.isEmpty()) {
+        m_files = std::make_unique<FieldFiles>(m_command.filesFolder);
+        connect(&m_live, &LiveData::changed, this, &Watch::writeFiles);
+    }
 }
 
 Watch::~Watch()
@@ -33,21 +42,34 @@ Watch::~Watch()
     m_sources.stop();
     m_device.reset();
     m_server.stop();
+    m_httpServer.stop();
+}
+
+bool Watch::startServer(HostedServer& server, quint16 port, const QString& what)
+{
+    QString error;
+    if (!server.start(port, m_command.allowNetwork, &error)) {
+        printError(error);
+        return false;
+    }
+    printError(what.arg(m_command.allowNetwork ? QStringLiteral("every address")
+                                               : QStringLiteral("127.0.0.1"))
+                   .arg(server.serverPort()));
+    return true;
 }
 
 bool Watch::start()
 {
-    if (m_command.servePort) {
-        QString error;
-        if (!m_server.start(*m_command.servePort, m_command.allowNetwork, &error)) {
-            printError(error);
-            return false;
-        }
-        printError(QStringLiteral("Sharing the live data on %1 port %2")
-                       .arg(m_command.allowNetwork ? QStringLiteral("every address")
-                                                   : QStringLiteral("127.0.0.1"))
-                       .arg(m_server.serverPort()));
-    }
+    if (m_command.servePort && !startServer(m_server, *m_command.servePort,
+                                            QStringLiteral("Sharing the live data on %1 port %2")))
+        return false;
+    if (m_command.httpPort &&
+        !startServer(m_httpServer, *m_command.httpPort,
+                     QStringLiteral("Serving the live data over HTTP on %1 port %2")))
+        return false;
+    if (m_files)
+        printError(QStringLiteral("Writing one text file per field in %1")
+                       .arg(QDir::toNativeSeparators(m_command.filesFolder)));
     const DeviceTarget& target = m_command.target;
     switch (target.route) {
     case DeviceTarget::Route::Usb:
@@ -111,6 +133,15 @@ void Watch::followCloud()
 void Watch::printSnapshot()
 {
     writeOut(m_live.toJsonLine());
+}
+
+void Watch::writeFiles()
+{
+    const QStringList failures = m_files->update(m_live.fields());
+    const QString problem = failures.join(QLatin1Char('\n'));
+    if (!problem.isEmpty() && problem != m_filesProblem)
+        printError(problem);
+    m_filesProblem = problem;
 }
 
 void Watch::printStatus()

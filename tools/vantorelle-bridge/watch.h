@@ -4,6 +4,7 @@
 
 // The session header needs the link complete wherever it is included.
 #include "device_link.h"
+#include "field_files.h"
 #include "hosted_server.h"
 #include "live_data.h"
 #include "portal_client.h"
@@ -21,7 +22,7 @@ class DeviceConnection;
 // Follows one device as the plug-in's source manager does: over a USB session, the device's
 // live feed on the local network, or the portal. Prints status sentences to standard error,
 // optionally every snapshot as a JSON line on standard output, and optionally shares the live
-// data through the sharing server.
+// data through the sharing server, over HTTP alone and as one text file per field.
 class Watch : public QObject
 {
     Q_OBJECT
@@ -42,8 +43,9 @@ Q_SIGNALS:
     void failed();
 
 private:
-    void startServer();
+    bool startServer(HostedServer& server, quint16 port, const QString& what);
     QJsonObject answer(const QString& op) const;
+    void writeFiles();
     void followUsb();
     void followCloud();
     void printSnapshot();
@@ -55,6 +57,9 @@ private:
     PortalClient m_portal;
     SourceManager m_sources;
     HostedServer m_server;
+    HostedServer m_httpServer;
+    std::unique_ptr<FieldFiles> m_files;
+    QString m_filesProblem; // the last failure printed, so that a lasting one is told once
     std::unique_ptr<DeviceConnection> m_device;
 };
 

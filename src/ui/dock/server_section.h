@@ -28,6 +28,8 @@ private:
     QSpinBox* m_port = nullptr;
     QCheckBox* m_allowNetwork = nullptr;
     QLabel* m_state = nullptr;
+    QSpinBox* m_browserPort = nullptr;
+    QLabel* m_browserState = nullptr;
 };
 
 } // namespace vantorelle
