@@ -31,6 +31,13 @@ const char* const kLinks = "links";
 // The values of a `routes` entry, by Route.
 const char* const kRouteNames[] = {"cloud", "lan", "usb", "ble"};
 
+// A text member of a device's entry; anything but text gives an empty string.
+QString textIn(const QJsonObject& entry, const char* member)
+{
+    const QJsonValue v = entry.value(QLatin1String(member));
+    return v.isString() ? v.toString() : QString();
+}
+
 } // namespace
 
 void SettingsStore::load(const QString& path)
@@ -263,15 +270,16 @@ void SettingsStore::setRoute(const QString& deviceId, Route route)
     setInner(kRoutes, deviceId, QLatin1String(kRouteNames[int(route)]));
 }
 
+// A device's entry under `key` ("lan", "links").
+QJsonObject SettingsStore::deviceEntry(const char* key, const QString& deviceId) const
+{
+    return m_doc.value(QLatin1String(key)).toObject().value(deviceId).toObject();
+}
+
 LanEntry SettingsStore::lanEntry(const QString& deviceId) const
 {
-    const QJsonObject entry =
-        m_doc.value(QLatin1String(kLan)).toObject().value(deviceId).toObject();
-    auto text = [&](const char* key) {
-        const QJsonValue v = entry.value(QLatin1String(key));
-        return v.isString() ? v.toString() : QString();
-    };
-    return {text("host"), text("token"), text("name")};
+    const QJsonObject entry = deviceEntry(kLan, deviceId);
+    return {textIn(entry, "host"), textIn(entry, "token"), textIn(entry, "name")};
 }
 
 void SettingsStore::setLanEntry(const QString& deviceId, const QString& host, const QString& token,
@@ -290,13 +298,8 @@ QStringList SettingsStore::lanDeviceIds() const
 
 LinkEntry SettingsStore::linkEntry(const QString& deviceId) const
 {
-    const QJsonObject entry =
-        m_doc.value(QLatin1String(kLinks)).toObject().value(deviceId).toObject();
-    auto text = [&](const char* key) {
-        const QJsonValue v = entry.value(QLatin1String(key));
-        return v.isString() ? v.toString() : QString();
-    };
-    return {text("usb_port"), text("ble_address"), text("name")};
+    const QJsonObject entry = deviceEntry(kLinks, deviceId);
+    return {textIn(entry, "usb_port"), textIn(entry, "ble_address"), textIn(entry, "name")};
 }
 
 void SettingsStore::setUsbLink(const QString& deviceId, const QString& port, const QString& name)
@@ -313,7 +316,7 @@ void SettingsStore::setBluetoothLink(const QString& deviceId, const QString& add
 void SettingsStore::setLinkMember(const QString& deviceId, const char* member, const QString& value,
                                   const QString& name)
 {
-    QJsonObject entry = m_doc.value(QLatin1String(kLinks)).toObject().value(deviceId).toObject();
+    QJsonObject entry = deviceEntry(kLinks, deviceId);
     entry.insert(QLatin1String(member), value);
     entry.insert(QStringLiteral("name"), name);
     setInner(kLinks, deviceId, entry);

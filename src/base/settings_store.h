@@ -126,6 +126,7 @@ private:
     QMap<QString, QString> textMap(const char* key) const;
     void setTextMap(const char* key, const QMap<QString, QString>& map);
     void setInner(const char* key, const QString& deviceId, const QJsonValue& value);
+    QJsonObject deviceEntry(const char* key, const QString& deviceId) const;
     void setLinkMember(const QString& deviceId, const char* member, const QString& value,
                        const QString& name);
     void save() const;
