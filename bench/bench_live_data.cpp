@@ -1,7 +1,10 @@
 // Cost of applying one feed envelope of 20 fields, when every value changed and when none did
 // (a stopped clock, heartbeats), and of building the snapshot line that goes to every client.
+// Anchor: parsing the same envelope from its JSON text, which any consumer of the feed does
+// before it can apply anything.
 #include "live_data.h"
 
+#include <QJsonDocument>
 #include <QJsonObject>
 
 #include <benchmark/benchmark.h>
@@ -49,6 +52,15 @@ void applyUnchanged(benchmark::State& state)
     state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(applyUnchanged);
+
+void parseEnvelope(benchmark::State& state)
+{
+    const QByteArray text = QJsonDocument(envelope(1)).toJson(QJsonDocument::Compact);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(QJsonDocument::fromJson(text).object());
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(parseEnvelope);
 
 void snapshotLine(benchmark::State& state)
 {

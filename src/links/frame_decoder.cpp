@@ -1,5 +1,6 @@
 #include "frame_decoder.h"
 
+#include <bit>
 #include <cstring>
 
 namespace vantorelle {
@@ -96,7 +97,7 @@ bool FrameDecoder::crcMatches(qsizetype payloadBegin, qsizetype payloadEnd)
     // the running register at both ends, with the earlier one carried across |P| bytes.
     const quint16 begin = crcStateAt(payloadBegin);
     const quint16 end = crcStateAt(payloadEnd);
-    const quint16 crc = crc16Advance(0xFFFF ^ begin, payloadEnd - payloadBegin) ^ end;
+    const quint16 crc = advance(0xFFFF ^ begin, payloadEnd - payloadBegin) ^ end;
     return crc == readLittleEndian(m_buffer.constData() + payloadEnd);
 }
 
@@ -104,12 +105,40 @@ quint16 FrameDecoder::crcStateAt(qsizetype index)
 {
     const qsizetype known = m_crcOrigin + qsizetype(m_crcStates.size()) - 1;
     if (index > known) {
-        const qsizetype count = index - known;
+        // Through the end of what has arrived, in one go: a line of false frame starts asks for
+        // a few more bytes at each one.
+        const qsizetype count = m_buffer.size() - known;
         m_crcStates.resize(m_crcStates.size() + size_t(count));
         quint16* out = m_crcStates.data() + (known - m_crcOrigin) + 1;
         crc16Trace(out[-1], QByteArrayView(m_buffer).sliced(known, count), out);
     }
     return m_crcStates[size_t(index - m_crcOrigin)];
+}
+
+quint16 FrameDecoder::advance(quint16 state, qsizetype count)
+{
+    if (count != m_tableLength) {
+        const bool repeated = count == m_lastLength;
+        m_lastLength = count;
+        if (!repeated)
+            return crc16Advance(state, count);
+        // The advance is linear in the register: each table entry is the sum of the images of
+        // its bits, so 16 products fill both tables.
+        std::array<quint16, 8> high{};
+        std::array<quint16, 8> low{};
+        for (int bit = 0; bit < 8; ++bit) {
+            high[size_t(bit)] = crc16Advance(quint16(0x100 << bit), count);
+            low[size_t(bit)] = crc16Advance(quint16(1 << bit), count);
+        }
+        m_advanceHigh[0] = m_advanceLow[0] = 0;
+        for (unsigned byte = 1; byte < 256; ++byte) {
+            const size_t bit = size_t(std::countr_zero(byte));
+            m_advanceHigh[byte] = m_advanceHigh[byte & (byte - 1)] ^ high[bit];
+            m_advanceLow[byte] = m_advanceLow[byte & (byte - 1)] ^ low[bit];
+        }
+        m_tableLength = count;
+    }
+    return m_advanceHigh[state >> 8] ^ m_advanceLow[state & 0xFF];
 }
 
 // Moves the kept bytes to the front only once the consumed part is at least as large, so each

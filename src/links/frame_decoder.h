@@ -5,6 +5,7 @@
 #include <QByteArray>
 #include <QList>
 
+#include <array>
 #include <vector>
 
 namespace vantorelle {
@@ -29,6 +30,7 @@ private:
     qsizetype keepPossibleStart(qsizetype from) const;
     bool crcMatches(qsizetype payloadBegin, qsizetype payloadEnd);
     quint16 crcStateAt(qsizetype index);
+    quint16 advance(quint16 state, qsizetype count);
     void compact();
 
     QByteArray m_buffer;
@@ -37,6 +39,13 @@ private:
     // after the bytes [m_crcOrigin, m_crcOrigin + k).
     qsizetype m_crcOrigin = 0;
     std::vector<quint16> m_crcStates;
+    // crc16Advance for one payload length as two byte tables, built once a length comes twice in
+    // a row: a line of false frame starts announces the same length at each of them, and the
+    // bit-by-bit product would otherwise be most of the cost of rejecting one.
+    qsizetype m_lastLength = -1;
+    qsizetype m_tableLength = -1;
+    std::array<quint16, 256> m_advanceHigh{};
+    std::array<quint16, 256> m_advanceLow{};
 };
 
 } // namespace vantorelle

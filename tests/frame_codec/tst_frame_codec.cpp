@@ -59,6 +59,10 @@ private Q_SLOTS:
         QTest::newRow("bad CRC, split inside") << corrupt << 10 << a << ""_ba;
         QTest::newRow("empty and full") << hex("005654050000ffff") + full << 0
                                         << Bytes{"\x05", "\x02" + QByteArray(2048, 'z')} << ""_ba;
+        // Checks of one length in a row, the last one good.
+        QTest::newRow("same length again") << A + A + A << 0 << Bytes{a[0], a[0], a[0]} << ""_ba;
+        QTest::newRow("false starts, then full") << hex("005654010008").repeated(3) + full << 0
+                                                 << Bytes{"\x02" + QByteArray(2048, 'z')} << ""_ba;
         QTest::newRow("unknown type") << hex("005654090100786f1e") << 0 << Bytes{"\x09x"} << ""_ba;
     }
     void decode()
