@@ -56,7 +56,6 @@ bool isLikelyVantorelle(const QString& hardwareId)
 SerialPort::SerialPort(const QString& portName, QObject* parent)
     : QObject(parent), m_portName(portName)
 {
-    m_timer.setInterval(PollIntervalMs);
     connect(&m_timer, &QTimer::timeout, this, &SerialPort::pollRead);
 }
 
@@ -71,13 +70,23 @@ bool SerialPort::open(QString* errorText)
     m_handle = openComPort(m_portName, errorText, m_writeStallMs);
     if (!m_handle)
         return false;
-    m_timer.start();
+#ifndef Q_OS_WIN
+    m_notifier = new QSocketNotifier(qintptr(*m_handle), QSocketNotifier::Read, this);
+    connect(m_notifier, &QSocketNotifier::activated, this, &SerialPort::pollRead);
+#endif
+    m_timer.start(m_pollIntervalMs);
     return true;
 }
 
 void SerialPort::close()
 {
     m_timer.stop();
+    if (m_notifier) {
+        // Closing may happen inside the notifier's own signal (a reader closes the port): it
+        // goes once that signal has returned, and hears nothing of the descriptor meanwhile.
+        m_notifier->setEnabled(false);
+        std::exchange(m_notifier, nullptr)->deleteLater();
+    }
     if (m_handle)
         serial::closePort(*std::exchange(m_handle, std::nullopt));
 }

@@ -5,6 +5,7 @@
 #include <QByteArray>
 #include <QList>
 #include <QObject>
+#include <QSocketNotifier>
 #include <QString>
 #include <QTimer>
 
@@ -33,14 +34,16 @@ QList<UsbPortInfo> listSerialPorts(const QString& systemRoot = {});
 // The device's radio chip carries USB vendor 303A.
 bool isLikelyVantorelle(const QString& hardwareId);
 
-// An open serial port, polled for incoming bytes on the event loop. Reads never block; a write
-// may block for up to the stall limit. Its owner opens it and decides what a failure means.
+// An open serial port read on the event loop: where the system can say that bytes arrived (a
+// file descriptor), at once, and on a timer as well (the only way on Windows, and a safety net
+// elsewhere). Reads never block; a write may block for up to the stall limit. Its owner opens
+// it and decides what a failure means.
 class SerialPort : public QObject
 {
     Q_OBJECT
 
 public:
-    static constexpr int PollIntervalMs = 15;
+    static constexpr int DefaultPollIntervalMs = 15;
     static constexpr int ReadsPerTick = 8;
     static constexpr qsizetype ReadChunkBytes = 4096;
 
@@ -52,6 +55,8 @@ public:
     // How long a write may make no progress before it fails (applies from the next open).
     void setWriteStallLimit(int ms) { m_writeStallMs = ms; }
     int writeStallLimit() const { return m_writeStallMs; }
+    // How often the port is read when nothing says that bytes arrived (applies from the next open).
+    void setPollInterval(int ms) { m_pollIntervalMs = ms; }
 
     // Closes first, then opens the stored port and starts polling. On failure the port stays
     // closed and `errorText` (when given) holds the sentence for the user.
@@ -79,6 +84,9 @@ private:
     QString m_portName;
     std::optional<serial::NativeHandle> m_handle;
     QTimer m_timer;
+    // Wakes the read as soon as the descriptor has bytes (or has hung up); none on Windows.
+    QSocketNotifier* m_notifier = nullptr;
+    int m_pollIntervalMs = DefaultPollIntervalMs;
     int m_writeStallMs = serial::DefaultWriteStallMs;
 };
 
