@@ -14,6 +14,7 @@
 // FreeType source looks at its file once a second).
 
 #include "atomic_file.h"
+#include "common/obs_harness.h"
 #include "sim/feed_server.h"
 #include "sim/usb_device.h"
 
@@ -42,6 +43,7 @@
 #include <vector>
 
 using namespace vantorelle;
+using namespace vantorelle::test;
 
 namespace {
 
@@ -154,26 +156,6 @@ QString textOf(obs_source_t* source)
 {
     OBSDataAutoRelease settings = obs_source_get_settings(source);
     return QString::fromUtf8(obs_data_get_string(settings, "text"));
-}
-
-QList<obs_source_t*> sourcesOfType(const char* id)
-{
-    QList<obs_source_t*> all;
-    obs_enum_all_sources(
-        [](void* list, obs_source_t* source) {
-            static_cast<QList<obs_source_t*>*>(list)->append(source);
-            return true;
-        },
-        &all);
-    all.removeIf(
-        [id](obs_source_t* source) { return qstrcmp(obs_source_get_id(source), id) != 0; });
-    return all;
-}
-
-bool openModule(const char* file, const char* data)
-{
-    obs_module_t* module = nullptr;
-    return obs_open_module(&module, file, data) == MODULE_SUCCESS && obs_init_module(module);
 }
 
 QJsonObject stats(std::vector<double> values)

@@ -4,6 +4,7 @@
 // whose sharing-server port is taken.
 
 #include "common/live_data_support.h"
+#include "common/obs_harness.h"
 #include "common/test_support.h"
 #include "portal_client.h"
 #include "sim/portal_server.h"
@@ -57,26 +58,6 @@ bool logContains(const QString& text)
 {
     QMutexLocker lock(&s_logMutex);
     return !s_log.filter(text).isEmpty();
-}
-
-bool openModule(const char* file, const char* data, obs_module_t** module)
-{
-    return obs_open_module(module, file, data) == MODULE_SUCCESS && obs_init_module(*module);
-}
-
-// Every source of the given type, private ones included.
-QList<obs_source_t*> sourcesOfType(const char* id)
-{
-    QList<obs_source_t*> all;
-    obs_enum_all_sources(
-        [](void* list, obs_source_t* source) {
-            static_cast<QList<obs_source_t*>*>(list)->append(source);
-            return true;
-        },
-        &all);
-    all.removeIf(
-        [id](obs_source_t* source) { return qstrcmp(obs_source_get_id(source), id) != 0; });
-    return all;
 }
 
 // Creates a source of type `id`; `inner` is the private source of type `innerType` it made.
