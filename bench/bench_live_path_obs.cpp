@@ -4,6 +4,11 @@
 //       after the event that delivered it), and the inner source's "update" signal (OBS applies
 //       the text on its video thread);
 //   (b) the first frame OBS renders with the source at its new width.
+// The HTTP overlay route follows the same feed and serves the scorebug page on the plug-in's
+// browser port to a headless Chromium, which plays OBS's browser source (Chromium as well), and
+// times from the same moment to the page's text showing the score (when the page's
+// MutationObserver sees it) and to the first animation frame after that, the frame the page
+// paints showing it. Chromium's clock is the epoch, so the time of sending is taken on both.
 // Beside it, as an anchor, OBS's own FreeType source reading a file that is replaced per envelope
 // as `vantorelle-bridge watch --files` replaces it (saveFileAtomically), to the frame showing it.
 //
@@ -14,6 +19,9 @@
 // FreeType source looks at its file once a second).
 
 #include "atomic_file.h"
+#if VANTORELLE_BENCH_BROWSER
+#include "common/headless_browser.h"
+#endif
 #include "common/obs_harness.h"
 #include "sim/feed_server.h"
 #include "sim/usb_device.h"
@@ -29,6 +37,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QTcpServer>
 #include <QTemporaryDir>
 #include <QTimer>
 
@@ -39,6 +48,7 @@
 #include <cmath>
 #include <cstdio>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -57,7 +67,7 @@ struct Options
     int anchorN = 20;
     int paceMs = 150;
     bool json = false;
-    QString route; // set in a child: "lan", "usb" or "anchor"
+    QString route; // set in a child: "lan", "usb", "overlay" or "anchor"
 };
 
 // What OBS's video thread saw: every change of the measured source's width, and every frame.
@@ -204,7 +214,9 @@ QJsonObject runRoute(const Options& options)
     QJsonObject settings{{"server_enabled", false}, {"auto_check_updates", false}};
     sim::FeedServer feed;
     sim::UsbDevice usb;
-    if (route == "lan") {
+    // The overlay route follows the same feed as "lan"; the plug-in serves the page as well.
+    const bool overFeed = route == "lan" || route == "overlay";
+    if (overFeed) {
         feed.setExpectedToken("bench-token");
         if (!feed.start())
             fail("the simulated feed does not listen (no TLS backend?)");
@@ -214,6 +226,16 @@ QJsonObject runRoute(const Options& options)
         settings["lan"] = QJsonObject{
             {"bench-lan",
              QJsonObject{{"host", "127.0.0.1"}, {"token", "bench-token"}, {"name", "Bench"}}}};
+        if (route == "overlay") {
+            // The browsers' port runs with the sharing server; both on ports free just now.
+            QTcpServer sharing, browsers;
+            if (!sharing.listen(QHostAddress::LocalHost) ||
+                !browsers.listen(QHostAddress::LocalHost))
+                fail("no free loopback port");
+            settings["server_enabled"] = true;
+            settings["server_port"] = sharing.serverPort();
+            settings["browser_port"] = browsers.serverPort();
+        }
     } else if (route == "usb") {
         usb.setPollInterval(1);
         if (!usb.start())
@@ -287,12 +309,12 @@ QJsonObject runRoute(const Options& options)
         return s_frames.lastWidth > 0;
     };
     const uint64_t readyBy = os_gettime_ns() + 20000 * kMs;
-    if (route == "lan" && !runUntil([&] { return feed.authenticatedCount() > 0; }, readyBy))
+    if (overFeed && !runUntil([&] { return feed.authenticatedCount() > 0; }, readyBy))
         fail("the plug-in did not connect to the feed");
     // Until the route is live an envelope may be dropped: send it again until it shows.
     bool ready = false;
     while (!ready && os_gettime_ns() < readyBy) {
-        if (route == "lan")
+        if (overFeed)
             feed.broadcast(scoreEnvelope(0));
         else if (route == "usb")
             usb.sendEnvelope(scoreEnvelope(0));
@@ -300,6 +322,36 @@ QJsonObject runRoute(const Options& options)
     }
     if (!ready)
         fail("the " + route + " route never showed its first score");
+
+    QString chromiumVersion;
+#if VANTORELLE_BENCH_BROWSER
+    // The page, once it shows the same score, records what it shows from here on.
+    std::unique_ptr<Browser> browser;
+    QString page;
+    if (route == "overlay") {
+        browser = std::make_unique<Browser>();
+        if (!browser->start(findChromium()))
+            fail("chromium did not start");
+        chromiumVersion = browser->call("Browser.getVersion")["result"]["product"].toString();
+        page = browser->open(QString("http://127.0.0.1:%1/overlay?template={home_score}%20-%20"
+                                     "{away_score}&font=Arial&size=64&color=%23ffffff"
+                                     "&background=transparent")
+                                 .arg(settings["browser_port"].toInt()));
+        // The page loads after Target.createTarget has answered: ask until it shows the score.
+        const auto shown = [&] {
+            return browser->evaluate(page, "(document.getElementById('score') || {}).textContent")
+                       .toString() == "0 - 0";
+        };
+        const uint64_t pageBy = os_gettime_ns() + 30000 * kMs;
+        while (!page.isEmpty() && !shown() && os_gettime_ns() < pageBy)
+            waitUntil(os_gettime_ns() + 50 * kMs);
+        if (page.isEmpty() || !shown())
+            fail("the overlay page never showed the first score");
+        if (browser->evaluate(page, RecorderScript) != QJsonValue(true))
+            fail("the recorder did not run in the page");
+    }
+#endif
+    std::vector<double> sentEpochMs; // the overlay route's times of sending, on the page's clock
 
     std::vector<double> textMs, signalMs, frameMs;
     int missed = 0;
@@ -334,7 +386,9 @@ QJsonObject runRoute(const Options& options)
         } else {
             const QJsonObject envelope = scoreEnvelope(expected.section(' ', 0, 0).toInt());
             sentNs = os_gettime_ns();
-            if (route == "lan")
+            if (route == "overlay")
+                sentEpochMs.push_back(epochMs());
+            if (overFeed)
                 feed.broadcast(envelope);
             else
                 usb.sendEnvelope(envelope);
@@ -370,7 +424,54 @@ QJsonObject runRoute(const Options& options)
             signalMs.push_back(ms(sentNs, signalNs));
             waitUntil(sentNs + uint64_t(options.paceMs) * kMs);
         }
+#if VANTORELLE_BENCH_BROWSER
+        // Asked only once the pace is over, so that the page is left alone while it works. A
+        // page that is behind is counted below as having missed this one.
+        if (browser)
+            browser->evaluate(page, QString("waitPainted(%1, 2000)").arg(i + 1));
+#endif
     }
+    // Each envelope's score as the page first showed it after the envelope went and before the
+    // next one did.
+    std::vector<double> pageTextMs, pageFrameMs;
+    int pageMissed = 0;
+    double pageIntervalMs = 0;
+#if VANTORELLE_BENCH_BROWSER
+    if (browser) {
+        const QJsonArray seen =
+            QJsonDocument::fromJson(
+                browser->evaluate(page, "JSON.stringify(seen)").toString().toUtf8())
+                .array();
+        qsizetype next = 0;
+        for (size_t i = 0; i < sentEpochMs.size(); ++i) {
+            const double until = i + 1 < sentEpochMs.size() ? sentEpochMs[i + 1] : HUGE_VAL;
+            const QString expected = scoreText(int(i));
+            bool found = false;
+            for (; next < seen.size() && seen[next][1].toDouble() < until && !found; ++next) {
+                const QJsonArray entry = seen[next].toArray();
+                if (entry[0].toString() != expected || entry[1].toDouble() < sentEpochMs[i] ||
+                    entry.size() < 3)
+                    continue;
+                pageTextMs.push_back(entry[1].toDouble() - sentEpochMs[i]);
+                pageFrameMs.push_back(entry[2].toDouble() - sentEpochMs[i]);
+                found = true;
+            }
+            pageMissed += found ? 0 : 1;
+        }
+        // The page's own pace when it animates, for comparison with OBS's frame interval.
+        pageIntervalMs =
+            browser
+                ->evaluate(page, "new Promise(function (resolve) { var times = [];"
+                                 "  requestAnimationFrame(function tick(t) { times.push(t);"
+                                 "    if (times.length < 61) return requestAnimationFrame(tick);"
+                                 "    var gaps = times.slice(1).map(function (t, i) {"
+                                 "      return t - times[i]; }).sort(function (a, b) {"
+                                 "      return a - b; });"
+                                 "    resolve(gaps[gaps.length >> 1]); }); })")
+                .toDouble();
+        browser.reset();
+    }
+#endif
     double intervalMs = 0;
     {
         std::lock_guard lock(s_frames.mutex);
@@ -397,6 +498,13 @@ QJsonObject runRoute(const Options& options)
         result["update_signal"] = stats(signalMs);
         result["pace_ms"] = options.paceMs;
     }
+    if (route == "overlay") {
+        result["page_text"] = stats(pageTextMs);
+        result["page_frame"] = stats(pageFrameMs);
+        result["page_missed"] = pageMissed;
+        result["chromium"] = chromiumVersion;
+        result["page_interval_ms"] = pageIntervalMs;
+    }
     return result;
 }
 
@@ -417,7 +525,20 @@ QString row(const QString& label, const QJsonObject& s)
 int runAll(const Options& options)
 {
     QJsonObject all;
-    for (const char* route : {"lan", "usb", "anchor"}) {
+    for (const char* route : {"lan", "usb", "overlay", "anchor"}) {
+        if (route == QLatin1String("overlay")) {
+#if VANTORELLE_BENCH_BROWSER
+            const QString missing = findChromium().isEmpty()
+                                        ? "chromium is not installed (Debian package chromium)"
+                                        : QString();
+#else
+            const QString missing = "built without Qt WebSockets (qt6-websockets-dev)";
+#endif
+            if (!missing.isEmpty()) {
+                all[route] = QJsonObject{{"skipped", missing}};
+                continue;
+            }
+        }
         QProcess child;
         child.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         child.start(QCoreApplication::applicationFilePath(),
@@ -431,9 +552,11 @@ int runAll(const Options& options)
         all[route] = QJsonDocument::fromJson(child.readAllStandardOutput()).object();
     }
     const double anchorMedian = all["anchor"].toObject()["frame"].toObject()["median"].toDouble();
-    for (const char* route : {"lan", "usb"}) {
+    for (const char* route : {"lan", "usb", "overlay"}) {
         QJsonObject r = all[route].toObject();
-        const double median = r["frame"].toObject()["median"].toDouble();
+        // The overlay's frame is the one the page paints.
+        const char* frame = route == QLatin1String("overlay") ? "page_frame" : "frame";
+        const double median = r[frame].toObject()["median"].toDouble();
         if (median > 0 && anchorMedian > 0) {
             r["anchor_ratio"] = anchorMedian / median;
             all[route] = r;
@@ -466,6 +589,27 @@ int runAll(const Options& options)
                     interval + 5,
                     max < interval + 5 && r["missed"].toInt() == 0 ? "met" : "MISSED");
     }
+    const QJsonObject overlay = all["overlay"].toObject();
+    if (overlay.contains("skipped")) {
+        std::printf("HTTP overlay: not run (%s)\n", qPrintable(overlay["skipped"].toString()));
+    } else if (overlay.contains("error")) {
+        std::printf("HTTP overlay: the run failed\n");
+    } else {
+        // Measured against OBS's frame interval, as the browser source's frames go into OBS's.
+        const double interval = overlay["interval_ms"].toDouble();
+        const double max = overlay["page_frame"].toObject()["max"].toDouble();
+        std::printf("HTTP overlay, network feed to headless %s (OBS frame interval %.1f ms, the "
+                    "page's when animating %.1f ms, %d missed)\n",
+                    qPrintable(overlay["chromium"].toString()), interval,
+                    overlay["page_interval_ms"].toDouble(), overlay["page_missed"].toInt());
+        std::printf("%s\n",
+                    qPrintable(row("(a) page's text shown", overlay["page_text"].toObject())));
+        std::printf(
+            "%s   goal max < %.1f ms: %s\n",
+            qPrintable(row("(b) first frame the page paints", overlay["page_frame"].toObject())),
+            interval + 5,
+            max < interval + 5 && overlay["page_missed"].toInt() == 0 ? "met" : "MISSED");
+    }
     if (anchor.contains("error")) {
         std::printf("anchor: the run failed\n");
         return 1;
@@ -473,10 +617,11 @@ int runAll(const Options& options)
     std::printf("anchor: FreeType source reading a file replaced per envelope (frame interval "
                 "%.1f ms, %d missed)\n",
                 anchor["interval_ms"].toDouble(), anchor["missed"].toInt());
-    std::printf("%s   anchor/plug-in median: network %.0fx, USB %.0fx\n",
+    std::printf("%s   anchor/plug-in median: network %.0fx, USB %.0fx, overlay %.0fx\n",
                 qPrintable(row("(b) first frame showing it", anchor["frame"].toObject())),
                 all["lan"].toObject()["anchor_ratio"].toDouble(),
-                all["usb"].toObject()["anchor_ratio"].toDouble());
+                all["usb"].toObject()["anchor_ratio"].toDouble(),
+                overlay["anchor_ratio"].toDouble());
     return 0;
 }
 
