@@ -8,6 +8,7 @@
 #include "log.h"
 #include "manifest_signature.h"
 #include "source_manager.h"
+#include "tls_support.h"
 #include "usb_link.h"
 
 #include <QDateTime>
@@ -103,6 +104,15 @@ App::App(const AppEnvironment& environment, QObject* parent)
 
     connect(&m_portal, &PortalClient::signedInChanged, this, &App::onSignedInChanged);
 
+    if (environment.startWhenIdle)
+        QTimer::singleShot(0, this, [this, environment] { start(environment); });
+    else
+        start(environment);
+}
+
+void App::start(const AppEnvironment& environment)
+{
+    ensureTlsSupport(environment.tlsPluginFolder);
     applyServerSettings();
     configureUpdater(environment);
     startLocalDevice();

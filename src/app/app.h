@@ -65,6 +65,11 @@ struct AppEnvironment
     UsbLinkSettings usb;
     DeviceSessionSettings session;
     BleHelperBridge* bluetooth = nullptr;
+    // Where a TLS backend of the plug-in's own may lie (OBS on Windows ships Qt without one).
+    QString tlsPluginFolder;
+    // OBS waits for every module's load: the module starts the servers, the update folder's
+    // tidy-up, the followed device and the sign-in when the event loop first turns instead.
+    bool startWhenIdle = false;
 };
 
 // The plug-in's one application object, alive from module load to unload. Everything on the UI
@@ -156,6 +161,7 @@ Q_SIGNALS:
     void serverStateChanged();
 
 private:
+    void start(const AppEnvironment& environment);
     void configureUpdater(const AppEnvironment& environment);
     void onUpdaterStateChanged();
     void automaticUpdateCheck();

@@ -78,6 +78,10 @@ bool SettingsStore::boolValue(const char* key, bool fallback) const
 
 void SettingsStore::setValue(const char* key, const QJsonValue& value)
 {
+    // A value set again as it is writes nothing (a device selected again at every start).
+    const auto current = m_doc.constFind(QLatin1String(key));
+    if (!m_unsaved && current != m_doc.constEnd() && *current == value)
+        return;
     m_doc.insert(QLatin1String(key), value);
     save();
 }
@@ -90,12 +94,12 @@ void SettingsStore::setInner(const char* key, const QString& deviceId, const QJs
     setValue(key, inner);
 }
 
-void SettingsStore::save() const
+void SettingsStore::save()
 {
     if (m_path.isEmpty())
         return;
     // A failed save is not reported: the next setter saves the whole document again.
-    saveFileAtomically(m_path, fileBytes(), m_writer);
+    m_unsaved = !saveFileAtomically(m_path, fileBytes(), m_writer);
 }
 
 QByteArray SettingsStore::fileBytes() const

@@ -129,11 +129,14 @@ private:
     QJsonObject deviceEntry(const char* key, const QString& deviceId) const;
     void setLinkMember(const QString& deviceId, const char* member, const QString& value,
                        const QString& name);
-    void save() const;
+    void save();
 
     QString m_path;
     QJsonObject m_doc;
     SaveWriter m_writer;
+    // The file lags behind the document (a save failed): the next setter saves, even one that
+    // changes nothing.
+    bool m_unsaved = false;
 };
 
 } // namespace vantorelle

@@ -11,7 +11,6 @@
 #include "obs_scene_actions.h"
 #include "panel_style.h"
 #include "text_source.h"
-#include "tls_support.h"
 #include "ui_text.h"
 #include "version.h"
 #include "websocket_vendor.h"
@@ -60,6 +59,10 @@ vantorelle::AppEnvironment appEnvironment()
         env.pluginRoot = QDir(data).absoluteFilePath(QStringLiteral(".."));
     env.pluginRoot = QDir::cleanPath(env.pluginRoot);
     env.obsVersion = QString::fromUtf8(obs_get_version_string());
+    // OBS on Windows ships Qt without a TLS backend: ours lies in the data folder.
+    env.tlsPluginFolder = takeObsString(obs_find_module_file(obs_current_module(), "qt-plugins"));
+    // Loading stays short: connections, servers and file work start once OBS runs its loop.
+    env.startWhenIdle = true;
     return env;
 }
 
@@ -219,9 +222,6 @@ bool obs_module_load(void)
     blog(LOG_INFO, "[vantorelle] loading plugin %s",
          vantorelle::pluginVersion().toUtf8().constData());
 
-    // OBS on Windows ships Qt without a TLS backend: ours lies in the data folder.
-    vantorelle::ensureTlsSupport(
-        takeObsString(obs_find_module_file(obs_current_module(), "qt-plugins")));
     if (!vantorelle::App::instance())
         vantorelle::App::setInstance(new vantorelle::App(appEnvironment()));
     vantorelle::App* app = vantorelle::App::instance();

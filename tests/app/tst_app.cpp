@@ -204,6 +204,33 @@ private Q_SLOTS:
         QCOMPARE(app->sourceManager()->status(), waiting);
         QCOMPARE(feed.connectionCount(), 1);
     }
+    // As OBS's module the application starts when the event loop first turns: constructing it
+    // reads the settings and opens nothing; starting writes nothing back.
+    void startsWhenIdle()
+    {
+        VANTORELLE_NEEDS_TLS_SERVER();
+        sim::FeedServer feed;
+        feed.setExpectedToken("t7");
+        QVERIFY(feed.start());
+        qputenv("VANTORELLE_FEED_PORT", QByteArray::number(feed.serverPort()));
+        AppEnvironment env = testAppEnvironment(m_dir.path(), m_portal->baseUrl(),
+                                                {{"selected_device", "dev-7"},
+                                                 {"routes", object(R"({"dev-7":"lan"})")},
+                                                 {"lan", kLan},
+                                                 {"server_enabled", true},
+                                                 {"server_port", freePort()}});
+        env.startWhenIdle = true;
+        // Compact, unlike a save, so that a save shows.
+        const QByteArray saved =
+            QJsonDocument::fromJson(readFile(env.settingsFile)).toJson(QJsonDocument::Compact);
+        writeFile(env.settingsFile, saved);
+        App app(env);
+        QVERIFY(!app.server()->isListening());
+        QTRY_VERIFY(app.server()->isListening());
+        QTRY_COMPARE(app.sourceManager()->status(),
+                     "Connected to Field house, waiting for scoreboard data");
+        QCOMPARE(readFile(env.settingsFile), saved);
+    }
     void setUpDeviceIsFollowed()
     {
         VANTORELLE_NEEDS_PTY();

@@ -146,9 +146,18 @@ private Q_SLOTS:
         QCOMPARE(QFileInfo(m_path).dir().entryList(QDir::Files | QDir::Hidden),
                  QStringList{"settings.json"});
         QCOMPARE(store.serverPort(), 9300);
-        // The next save writes the whole document, the failed value with it.
-        store.setSaveWriter({});
+        // The next save writes the whole document, the failed value with it, even when the
+        // setter changes nothing; once the file holds it, setting it again writes nothing.
+        store.setSaveWriter([&writes](QIODevice& file, const QByteArray& data) {
+            return ++writes && file.write(data) == data.size();
+        });
+        store.setServerPort(9300);
+        QCOMPARE(writes, 2);
+        QCOMPARE(document(m_path), QJsonObject({{"server_port", 9300}}));
+        store.setServerPort(9300);
+        QCOMPARE(writes, 2);
         store.setServerEnabled(true);
+        QCOMPARE(writes, 3);
         QCOMPARE(document(m_path), QJsonObject({{"server_port", 9300}, {"server_enabled", true}}));
     }
 #ifdef Q_OS_WIN
