@@ -10,7 +10,7 @@
 
 namespace vantorelle::serial {
 
-// An open port: a HANDLE on Windows, a file descriptor elsewhere.
+// An open port: the backend's own record of it on Windows, a file descriptor elsewhere.
 using NativeHandle = std::intptr_t;
 
 // How long one write may make no progress before it gives up.
@@ -45,9 +45,27 @@ void closePort(NativeHandle handle);
 // Never blocks; `count` is set for ReadStatus::Data.
 ReadStatus readPort(NativeHandle handle, char* buffer, std::size_t capacity, std::size_t* count);
 
-// Writes part of the block: the count written, 0 when nothing moved for `writeStallMs` (on
-// Windows the handle carries that limit from openPort), or -1 when the call failed.
+// Writes part of the block: the count written, 0 when nothing moved for `writeStallMs`, or -1
+// when the call failed.
 std::ptrdiff_t writePort(NativeHandle handle, const char* data, std::size_t size, int writeStallMs);
+
+#ifdef _WIN32
+// Windows has no descriptor to watch; instead a wait on the port sets an event when bytes arrive.
+
+enum class WakeStatus
+{
+    Armed, // the event will be set when bytes arrive (or the wait ends otherwise)
+    Ready, // bytes are there already: read again now
+    Failed // the device is gone or the port broke
+};
+
+// The event to watch, or 0 when the driver cannot wait (then only polling reads the port). It is
+// set when the port opens, so that the first pass reads and arms the wait.
+NativeHandle readWakeEvent(NativeHandle handle);
+// After each read: starts a new wait once the last one has ended (which clears the event). Only
+// for a port that has a readWakeEvent.
+WakeStatus armReadWake(NativeHandle handle);
+#endif
 
 // Present serial ports in a stable order. `systemRoot` is the device tree to read ("/sys" when
 // empty); Windows asks SetupAPI, which has no such root.

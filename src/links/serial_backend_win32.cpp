@@ -1,4 +1,5 @@
-// Windows backend of the serial seam: synchronous COM port I/O and SetupAPI enumeration.
+// Windows backend of the serial seam: overlapped COM port I/O, so that a pending wait can say when
+// bytes arrive, and SetupAPI enumeration.
 
 #include "serial_backend.h"
 
@@ -8,6 +9,9 @@
 
 #include <devguid.h>
 #include <setupapi.h>
+
+#include <algorithm>
+#include <utility>
 
 namespace vantorelle::serial {
 
@@ -34,9 +38,57 @@ std::string toUtf8(const wchar_t* text)
     return utf8;
 }
 
-HANDLE toHandle(NativeHandle handle)
+// What stands behind a NativeHandle: the port and one OVERLAPPED per kind of operation. Reads
+// and writes are finished before their call returns; only the wait may stay pending.
+struct Port
 {
-    return reinterpret_cast<HANDLE>(handle);
+    HANDLE handle = INVALID_HANDLE_VALUE;
+    OVERLAPPED read = {};
+    OVERLAPPED write = {};
+    OVERLAPPED wake = {};
+    DWORD wakeMask = 0;
+    bool waiting = false; // a WaitCommEvent is outstanding (perhaps finished already)
+};
+
+Port* toPort(NativeHandle handle)
+{
+    return reinterpret_cast<Port*>(handle);
+}
+
+void releasePort(Port* port)
+{
+    for (OVERLAPPED* op : {&port->read, &port->write, &port->wake}) {
+        if (op->hEvent)
+            CloseHandle(op->hEvent);
+    }
+    if (port->handle != INVALID_HANDLE_VALUE)
+        CloseHandle(port->handle);
+    delete port;
+}
+
+// What an operation moved, without waiting for more: one still pending is cancelled. False when
+// it failed.
+bool settle(Port* port, OVERLAPPED* op, DWORD* moved)
+{
+    if (GetOverlappedResult(port->handle, op, moved, FALSE))
+        return true;
+    if (GetLastError() != ERROR_IO_INCOMPLETE)
+        return false;
+    CancelIoEx(port->handle, op);
+    if (GetOverlappedResult(port->handle, op, moved, TRUE))
+        return true;
+    return GetLastError() == ERROR_OPERATION_ABORTED; // `moved` still counts what got through
+}
+
+// Ready when bytes wait in the driver; Failed when the port no longer answers. Asking also
+// clears a line error, which some drivers otherwise answer by failing every read.
+WakeStatus bufferedBytes(Port* port)
+{
+    COMSTAT status = {};
+    DWORD errors = 0;
+    if (!ClearCommError(port->handle, &errors, &status))
+        return WakeStatus::Failed;
+    return status.cbInQue > 0 ? WakeStatus::Ready : WakeStatus::Armed;
 }
 
 // Raw 115200 8N1 with every kind of flow control off; other flags stay as the driver has them.
@@ -101,41 +153,109 @@ std::wstring portName(HDEVINFO devices, SP_DEVINFO_DATA* device)
 OpenOutcome openPort(const std::string& name, int writeStallMs)
 {
     const std::wstring path = toWide(win32DevicePath(name));
-    HANDLE port = CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
-                              0, nullptr);
-    if (port == INVALID_HANDLE_VALUE) {
+    HANDLE handle = CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+                                OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr);
+    if (handle == INVALID_HANDLE_VALUE) {
         const DWORD error = GetLastError();
         return {false, -1, error == ERROR_ACCESS_DENIED, int(error)};
     }
-    applyLineSettings(port);
-    applyTimeouts(port, writeStallMs);
+    auto* port = new Port;
+    port->handle = handle;
+    port->read.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    port->write.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    // Set from the start: the first pass over the port reads and arms the wait.
+    port->wake.hEvent = CreateEventW(nullptr, TRUE, TRUE, nullptr);
+    if (!port->read.hEvent || !port->write.hEvent || !port->wake.hEvent) {
+        const DWORD error = GetLastError();
+        releasePort(port);
+        return {false, -1, false, int(error)};
+    }
+    applyLineSettings(handle);
+    applyTimeouts(handle, writeStallMs);
     // The device must never see DTR or RTS asserted.
-    EscapeCommFunction(port, CLRDTR);
-    EscapeCommFunction(port, CLRRTS);
-    PurgeComm(port, PURGE_TXCLEAR | PURGE_RXCLEAR);
+    EscapeCommFunction(handle, CLRDTR);
+    EscapeCommFunction(handle, CLRRTS);
+    PurgeComm(handle, PURGE_TXCLEAR | PURGE_RXCLEAR);
+    // A driver that cannot wait for events is read on the timer alone.
+    if (!SetCommMask(handle, EV_RXCHAR | EV_ERR))
+        CloseHandle(std::exchange(port->wake.hEvent, nullptr));
     return {true, reinterpret_cast<NativeHandle>(port), false, 0};
 }
 
 void closePort(NativeHandle handle)
 {
-    CloseHandle(toHandle(handle));
+    Port* port = toPort(handle);
+    // The driver must be done with the OVERLAPPEDs before they go.
+    CancelIoEx(port->handle, nullptr);
+    if (port->waiting) {
+        DWORD unused = 0;
+        GetOverlappedResult(port->handle, &port->wake, &unused, TRUE);
+    }
+    releasePort(port);
 }
 
 ReadStatus readPort(NativeHandle handle, char* buffer, std::size_t capacity, std::size_t* count)
 {
+    Port* port = toPort(handle);
+    COMSTAT status = {};
+    DWORD errors = 0;
+    if (!ClearCommError(port->handle, &errors, &status))
+        return ReadStatus::Failed;
+    // Never ask for more than is buffered: wine keeps an overlapped read of an empty port pending
+    // despite the timeouts, and a read of what is there never waits.
+    if (status.cbInQue == 0)
+        return ReadStatus::Idle;
+    const DWORD wanted = DWORD(std::min<std::size_t>(capacity, status.cbInQue));
     DWORD got = 0;
-    if (!ReadFile(toHandle(handle), buffer, DWORD(capacity), &got, nullptr))
+    if (!ReadFile(port->handle, buffer, wanted, &got, &port->read) &&
+        (GetLastError() != ERROR_IO_PENDING || !settle(port, &port->read, &got)))
         return ReadStatus::Failed;
     *count = got;
     return got == 0 ? ReadStatus::Idle : ReadStatus::Data;
 }
 
-std::ptrdiff_t writePort(NativeHandle handle, const char* data, std::size_t size, int)
+std::ptrdiff_t writePort(NativeHandle handle, const char* data, std::size_t size, int writeStallMs)
 {
+    Port* port = toPort(handle);
     DWORD written = 0;
-    if (!WriteFile(toHandle(handle), data, DWORD(size), &written, nullptr))
+    if (WriteFile(port->handle, data, DWORD(size), &written, &port->write))
+        return std::ptrdiff_t(written);
+    if (GetLastError() != ERROR_IO_PENDING)
         return -1;
-    return std::ptrdiff_t(written);
+    // The driver's own write time-out normally ends it first; this wait is the backstop.
+    WaitForSingleObject(port->write.hEvent, DWORD(std::max(writeStallMs, 0)));
+    return settle(port, &port->write, &written) ? std::ptrdiff_t(written) : -1;
+}
+
+NativeHandle readWakeEvent(NativeHandle handle)
+{
+    return reinterpret_cast<NativeHandle>(toPort(handle)->wake.hEvent);
+}
+
+WakeStatus armReadWake(NativeHandle handle)
+{
+    Port* port = toPort(handle);
+    if (port->waiting) {
+        DWORD unused = 0;
+        if (!GetOverlappedResult(port->handle, &port->wake, &unused, FALSE)) {
+            const DWORD error = GetLastError();
+            if (error == ERROR_IO_INCOMPLETE)
+                return bufferedBytes(port); // still waiting
+            // Only a cancel ends a wait this way (wine cancels its own every few milliseconds);
+            // any other error means the device is gone.
+            if (error != ERROR_OPERATION_ABORTED)
+                return WakeStatus::Failed;
+        }
+        port->waiting = false;
+    }
+    port->wakeMask = 0;
+    if (WaitCommEvent(port->handle, &port->wakeMask, &port->wake))
+        return WakeStatus::Ready; // something happened already
+    if (GetLastError() != ERROR_IO_PENDING)
+        return WakeStatus::Failed;
+    port->waiting = true;
+    // Bytes that came before the wait began need not count as an event.
+    return bufferedBytes(port);
 }
 
 std::vector<PortEntry> enumeratePorts(const std::string&)

@@ -70,7 +70,12 @@ bool SerialPort::open(QString* errorText)
     m_handle = openComPort(m_portName, errorText, m_writeStallMs);
     if (!m_handle)
         return false;
-#ifndef Q_OS_WIN
+#ifdef Q_OS_WIN
+    if (const serial::NativeHandle event = serial::readWakeEvent(*m_handle)) {
+        m_notifier = new QWinEventNotifier(reinterpret_cast<Qt::HANDLE>(event), this);
+        connect(m_notifier, &QWinEventNotifier::activated, this, &SerialPort::pollRead);
+    }
+#else
     m_notifier = new QSocketNotifier(qintptr(*m_handle), QSocketNotifier::Read, this);
     connect(m_notifier, &QSocketNotifier::activated, this, &SerialPort::pollRead);
 #endif
@@ -83,7 +88,7 @@ void SerialPort::close()
     m_timer.stop();
     if (m_notifier) {
         // Closing may happen inside the notifier's own signal (a reader closes the port): it
-        // goes once that signal has returned, and hears nothing of the descriptor meanwhile.
+        // goes once that signal has returned, and hears nothing of the port meanwhile.
         m_notifier->setEnabled(false);
         std::exchange(m_notifier, nullptr)->deleteLater();
     }
@@ -117,12 +122,33 @@ void SerialPort::pollRead()
         const serial::ReadStatus status =
             serial::readPort(*m_handle, buffer, sizeof buffer, &count);
         if (status == serial::ReadStatus::Idle)
-            return;
+            break;
         if (status == serial::ReadStatus::Failed)
             return fail();
         Q_EMIT readyRead(QByteArray(buffer, qsizetype(count)));
     }
+#ifdef Q_OS_WIN
+    if (alive && m_handle && m_notifier)
+        armReadWake();
+#endif
 }
+
+#ifdef Q_OS_WIN
+void SerialPort::armReadWake()
+{
+    switch (serial::armReadWake(*m_handle)) {
+    case serial::WakeStatus::Armed:
+        break;
+    case serial::WakeStatus::Ready:
+        // More than one tick's worth, or bytes the wait will not report: the next tick reads them.
+        QMetaObject::invokeMethod(this, &SerialPort::pollRead, Qt::QueuedConnection);
+        break;
+    case serial::WakeStatus::Failed:
+        fail();
+        break;
+    }
+}
+#endif
 
 void SerialPort::fail()
 {

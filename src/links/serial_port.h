@@ -5,9 +5,13 @@
 #include <QByteArray>
 #include <QList>
 #include <QObject>
-#include <QSocketNotifier>
 #include <QString>
 #include <QTimer>
+#ifdef Q_OS_WIN
+#include <QWinEventNotifier>
+#else
+#include <QSocketNotifier>
+#endif
 
 #include <optional>
 
@@ -34,10 +38,10 @@ QList<UsbPortInfo> listSerialPorts(const QString& systemRoot = {});
 // The device's radio chip carries USB vendor 303A.
 bool isLikelyVantorelle(const QString& hardwareId);
 
-// An open serial port read on the event loop: where the system can say that bytes arrived (a
-// file descriptor), at once, and on a timer as well (the only way on Windows, and a safety net
-// elsewhere). Reads never block; a write may block for up to the stall limit. Its owner opens
-// it and decides what a failure means.
+// An open serial port read on the event loop: as soon as the system says that bytes arrived (the
+// descriptor is readable; on Windows, a wait on the port sets an event), and on a timer as a
+// safety net. Reads never block; a write may block for up to the stall limit. Its owner opens it
+// and decides what a failure means.
 class SerialPort : public QObject
 {
     Q_OBJECT
@@ -70,7 +74,8 @@ public:
     bool write(const QByteArray& bytes);
 
 public Q_SLOTS:
-    // One tick: up to ReadsPerTick reads, one readyRead per read that brought bytes.
+    // One tick: up to ReadsPerTick reads, one readyRead per read that brought bytes (on Windows
+    // the wait for more starts again after them).
     void pollRead();
 
 Q_SIGNALS:
@@ -80,12 +85,20 @@ Q_SIGNALS:
 
 private:
     void fail();
+#ifdef Q_OS_WIN
+    void armReadWake();
+#endif
 
     QString m_portName;
     std::optional<serial::NativeHandle> m_handle;
     QTimer m_timer;
-    // Wakes the read as soon as the descriptor has bytes (or has hung up); none on Windows.
+    // Wakes the read as soon as bytes arrive (or the device hangs up); on Windows none when the
+    // driver cannot wait for that.
+#ifdef Q_OS_WIN
+    QWinEventNotifier* m_notifier = nullptr;
+#else
     QSocketNotifier* m_notifier = nullptr;
+#endif
     int m_pollIntervalMs = DefaultPollIntervalMs;
     int m_writeStallMs = serial::DefaultWriteStallMs;
 };

@@ -56,6 +56,23 @@ private Q_SLOTS:
                  qPrintable(QStringList(fields.keys()).join(',')));
         link.close();
     }
+    // With polling an hour apart, only the port's wait for bytes can bring what the device sends,
+    // again and again: its live data, then the answer to a ping.
+    void bytesWakeTheRead()
+    {
+        SerialPort port(m_port);
+        port.setPollInterval(3600000);
+        QByteArray got;
+        connect(&port, &SerialPort::readyRead, this,
+                [&](const QByteArray& bytes) { got += bytes; });
+        QString error;
+        QVERIFY2(port.open(&error), qPrintable(error));
+        QTRY_VERIFY(got.contains(QByteArray("\x00VT\x01", 4)));
+        got.clear();
+        QVERIFY(port.write(QByteArray("\x00VT\x03\x0c\x00{\"t\":\"ping\"}\xdc\x00", 20)));
+        const QByteArray pong("\x00VT\x03\x0c\x00{\"t\":\"pong\"}\x59\xcd", 20);
+        QTRY_VERIFY2(got.contains(pong), qPrintable(got.toHex()));
+    }
     void oneOpenerAtATime()
     {
         const auto first = openComPort(m_port);
