@@ -9,8 +9,9 @@
 //     changes ten times a second. The difference is what the plug-in adds; each wrapped FreeType
 //     source's "update" signals show which texts were rebuilt.
 //
-// bench_obs_cost [--seconds S] [--json]
-// Each part runs in a child process of its own (one OBS per process); needs an X display.
+// bench_obs_cost [--seconds S] [--rounds R] [--json]
+// Each part runs in a child process of its own (one OBS per process); needs an X display. The S
+// seconds of clock (default 60) are split into R runs of each kind (default 3), alternating.
 
 #include "atomic_file.h"
 #include "common/obs_harness.h"
@@ -44,6 +45,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdio>
@@ -67,6 +69,9 @@ constexpr std::array<const char*, kTexts> kFields = {
 struct Options
 {
     int seconds = 60;
+    // The clock's time is split into this many runs of each kind, alternating, and the medians
+    // compared: the rendering threads' CPU time wanders between runs by more than the plug-in adds.
+    int rounds = 3;
     bool json = false;
     QString part; // in a child: "load", "plugin" or "plain"
 };
@@ -455,23 +460,63 @@ QJsonObject clockPart(const Options& options)
             {"other_ms", otherMs},  {"other_threads", others},   {"updates", updates}};
 }
 
-QJsonObject runChild(const Options& options, const QString& part)
+QJsonObject runChild(const QString& part, int seconds)
 {
     QProcess child;
     child.setProcessChannelMode(QProcess::ForwardedErrorChannel);
     child.start(QCoreApplication::applicationFilePath(),
-                {"--part", part, "--seconds", QString::number(options.seconds)});
+                {"--part", part, "--seconds", QString::number(seconds)});
     if (!child.waitForFinished(-1) || child.exitStatus() != QProcess::NormalExit ||
         child.exitCode() != 0)
         return {{"error", "the run failed"}};
     return QJsonDocument::fromJson(child.readAllStandardOutput()).object();
 }
 
+constexpr std::array<const char*, 4> kThreadKeys = {"main_ms", "graphics_ms", "other_ms",
+                                                    "renderer_ms"};
+
+// Runs of one kind as one: each thread class's median CPU time per second, over the whole time;
+// envelopes and rebuilt texts summed; and how far the graphics thread wandered between runs.
+QJsonObject merged(const QList<QJsonObject>& runs)
+{
+    double seconds = 0;
+    int envelopes = 0;
+    QJsonObject updates;
+    std::map<QString, std::vector<double>> perSecond;
+    for (const QJsonObject& run : runs) {
+        if (!run.contains("main_ms"))
+            return {{"error", "a run failed"}};
+        seconds += run["seconds"].toDouble();
+        envelopes += run["envelopes"].toInt();
+        const QJsonObject counts = run["updates"].toObject();
+        for (auto it = counts.begin(); it != counts.end(); ++it)
+            updates[it.key()] = updates[it.key()].toInt() + it.value().toInt();
+        for (const char* key : kThreadKeys)
+            perSecond[key].push_back(run[key].toDouble() / run["seconds"].toDouble());
+    }
+    QJsonObject result{{"seconds", seconds}, {"envelopes", envelopes}, {"updates", updates}};
+    for (auto& [key, values] : perSecond) {
+        std::sort(values.begin(), values.end());
+        result[key] = values[values.size() / 2] * seconds;
+        if (key == "graphics_ms")
+            result["graphics_spread_ms"] = (values.back() - values.front()) * seconds;
+    }
+    return result;
+}
+
 int runAll(const Options& options)
 {
     QJsonObject all;
-    for (const char* part : {"load", "plain", "plugin"})
-        all[part] = runChild(options, part);
+    all["load"] = runChild("load", 0);
+    QList<QJsonObject> plainRuns, pluginRuns;
+    const int each = std::max(1, options.seconds / options.rounds);
+    for (int round = 0; round < options.rounds; ++round) {
+        plainRuns << runChild("plain", each);
+        pluginRuns << runChild("plugin", each);
+    }
+    all["plain"] = merged(plainRuns);
+    all["plugin"] = merged(pluginRuns);
+    all["rounds"] = options.rounds;
     const QJsonObject plain = all["plain"].toObject();
     const QJsonObject plugin = all["plugin"].toObject();
     if (plain.contains("main_ms") && plugin.contains("main_ms")) {
@@ -511,8 +556,8 @@ int runAll(const Options& options)
                 double(load["libraries_added_kib"].toInt()) / 1024.0);
     for (const char* part : {"plain", "plugin"}) {
         const QJsonObject r = all[part].toObject();
-        std::printf("%s: %.1f s, %d clock changes; CPU ms: main %.1f, graphics %.1f, others %.1f, "
-                    "software renderer %.1f\n",
+        std::printf("%s: %.1f s, %d clock changes; CPU ms (medians of the runs): main %.1f, "
+                    "graphics %.1f, others %.1f, software renderer %.1f\n",
                     part, r["seconds"].toDouble(), r["envelopes"].toInt(), r["main_ms"].toDouble(),
                     r["graphics_ms"].toDouble(), r["other_ms"].toDouble(),
                     r["renderer_ms"].toDouble());
@@ -544,8 +589,10 @@ int main(int argc, char** argv)
             options.part = QString::fromLatin1(argv[++i]);
         else if (arg == "--seconds" && hasValue)
             options.seconds = std::max(1, atoi(argv[++i]));
+        else if (arg == "--rounds" && hasValue)
+            options.rounds = std::max(1, atoi(argv[++i]));
         else {
-            std::fprintf(stderr, "usage: bench_obs_cost [--seconds S] [--json]\n");
+            std::fprintf(stderr, "usage: bench_obs_cost [--seconds S] [--rounds R] [--json]\n");
             return 2;
         }
     }
