@@ -20,7 +20,7 @@
 
 #include "atomic_file.h"
 #if VANTORELLE_BENCH_BROWSER
-#include "common/headless_browser.h"
+#include "browser/headless_browser.h"
 #endif
 #include "common/obs_harness.h"
 #include "sim/feed_server.h"

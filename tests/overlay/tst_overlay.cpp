@@ -1,7 +1,7 @@
 // The scorebug page in a real headless Chromium, driven over the DevTools protocol, following a
 // real sharing server fed with envelopes.
 
-#include "common/headless_browser.h"
+#include "browser/headless_browser.h"
 #include "common/live_data_support.h"
 #include "hosted_server.h"
 #include "live_data.h"

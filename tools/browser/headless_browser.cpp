@@ -1,4 +1,4 @@
-#include "common/headless_browser.h"
+#include "browser/headless_browser.h"
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
