@@ -23,11 +23,11 @@
 #include "browser/headless_browser.h"
 #endif
 #include "common/obs_harness.h"
+#include "libobs_bench.h"
 #include "sim/feed_server.h"
 #include "sim/usb_device.h"
 
 #include <obs-module.h>
-#include <obs-nix-platform.h>
 #include <obs.hpp>
 #include <util/platform.h>
 
@@ -36,12 +36,9 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
 #include <QTcpServer>
 #include <QTemporaryDir>
 #include <QTimer>
-
-#include <X11/Xlib.h>
 
 #include <algorithm>
 #include <atomic>
@@ -54,6 +51,7 @@
 
 using namespace vantorelle;
 using namespace vantorelle::test;
+using namespace vantorelle::bench;
 
 namespace {
 
@@ -115,29 +113,6 @@ void onUpdateSignal(void*, calldata_t*)
     std::lock_guard lock(s_frames.mutex);
     s_frames.updateSignals.push_back(now);
     wakeUiThread();
-}
-
-// OBS's log, kept quiet; the last lines are shown when a run fails.
-QStringList s_log;
-std::mutex s_logMutex;
-
-void keepLog(int, const char* format, va_list args, void*)
-{
-    char buffer[4096];
-    std::vsnprintf(buffer, sizeof buffer, format, args);
-    std::lock_guard lock(s_logMutex);
-    s_log << QString::fromUtf8(buffer);
-    if (s_log.size() > 60)
-        s_log.removeFirst();
-}
-
-[[noreturn]] void fail(const QString& why)
-{
-    std::lock_guard lock(s_logMutex);
-    for (const QString& line : std::as_const(s_log))
-        std::fprintf(stderr, "  obs: %s\n", qPrintable(line));
-    std::fprintf(stderr, "bench_live_path_obs: %s\n", qPrintable(why));
-    std::exit(1);
 }
 
 // Runs the event loop until `done` holds (true) or the deadline passes (false). Events wake it:
@@ -250,22 +225,7 @@ QJsonObject runRoute(const Options& options)
         fail("cannot write settings.json");
     qputenv("VANTORELLE_PORTAL_URL", "http://127.0.0.1:9"); // never the real portal
 
-    base_set_log_handler(keepLog, nullptr);
-    Display* display = XOpenDisplay(nullptr);
-    if (!display)
-        fail("no X display (run under xvfb-run)");
-    obs_set_nix_platform(OBS_NIX_PLATFORM_X11_EGL);
-    obs_set_nix_platform_display(display);
-    if (!obs_startup("en-US", config.path().toUtf8().constData(), nullptr))
-        fail("obs_startup failed");
-    // clang-format off
-    obs_video_info video = {"libobs-opengl", kFps, 1, 640, 360, 640, 360, VIDEO_FORMAT_NV12, 0,
-                            true, VIDEO_CS_709, VIDEO_RANGE_PARTIAL, OBS_SCALE_BICUBIC};
-    // clang-format on
-    if (obs_reset_video(&video) != OBS_VIDEO_SUCCESS)
-        fail("obs_reset_video failed");
-    if (!openModule(OBS_PLUGIN_DIR "/text-freetype2.so", OBS_PLUGIN_DATA_DIR "/text-freetype2"))
-        fail("cannot load text-freetype2.so");
+    startObs(config.path(), kFps);
     if (!openModule(VANTORELLE_MODULE_FILE, VANTORELLE_MODULE_DATA))
         fail("cannot load the plug-in");
 
@@ -538,22 +498,10 @@ int runAll(const Options& options)
                 continue;
             }
         }
-        QProcess child;
-        child.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        child.start(QCoreApplication::applicationFilePath(),
-                    {"--route", route, QString::number(options.n), "--anchor-n",
-                     QString::number(options.anchorN), "--pace-ms",
-                     QString::number(options.paceMs)});
-        child.waitForFinished(-1);
-        QJsonObject result =
-            QJsonDocument::fromJson(child.readAllStandardOutput().split('\n').first()).object();
-        if (result.isEmpty()) {
-            all[route] = QJsonObject{{"error", "the run failed"}};
-            continue;
-        }
-        if (child.exitStatus() != QProcess::NormalExit || child.exitCode() != 0)
-            result["crashed_at_shutdown"] = true;
-        all[route] = result;
+        const QJsonObject result = runChild({"--route", route, QString::number(options.n),
+                                             "--anchor-n", QString::number(options.anchorN),
+                                             "--pace-ms", QString::number(options.paceMs)});
+        all[route] = result.isEmpty() ? QJsonObject{{"error", "the run failed"}} : result;
     }
     const double anchorMedian = all["anchor"].toObject()["frame"].toObject()["median"].toDouble();
     for (const char* route : {"lan", "usb", "overlay"}) {
@@ -661,11 +609,7 @@ int main(int argc, char** argv)
     if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
         qputenv("QT_QPA_PLATFORM", "offscreen");
     QApplication app(argc, argv);
-    const QJsonObject result = runRoute(options);
-    // The figures go out before OBS shuts down: libobs 29's FreeType source now and then crashes
-    // in FT_Done_Face while OBS destroys it at shutdown, and a crash there must not cost the run.
-    std::printf("%s\n", QJsonDocument(result).toJson(QJsonDocument::Compact).constData());
-    std::fflush(stdout);
+    report(runRoute(options));
     obs_shutdown();
     return 0;
 }

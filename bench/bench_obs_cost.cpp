@@ -15,10 +15,10 @@
 
 #include "atomic_file.h"
 #include "common/obs_harness.h"
+#include "libobs_bench.h"
 #include "sim/feed_server.h"
 
 #include <obs-module.h>
-#include <obs-nix-platform.h>
 #include <obs.hpp>
 #include <util/platform.h>
 
@@ -32,7 +32,6 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
-#include <QProcess>
 #include <QPushButton>
 #include <QScrollArea>
 #include <QSpinBox>
@@ -41,8 +40,6 @@
 #include <QTimer>
 #include <QVBoxLayout>
 
-#include <X11/Xlib.h>
-
 #include <unistd.h>
 
 #include <algorithm>
@@ -50,10 +47,10 @@
 #include <atomic>
 #include <cstdio>
 #include <map>
-#include <mutex>
 
 using namespace vantorelle;
 using namespace vantorelle::test;
+using namespace vantorelle::bench;
 
 namespace {
 
@@ -75,37 +72,6 @@ struct Options
     bool json = false;
     QString part; // in a child: "load", "plugin" or "plain"
 };
-
-QStringList s_log;
-std::mutex s_logMutex;
-
-void keepLog(int, const char* format, va_list args, void*)
-{
-    char buffer[4096];
-    std::vsnprintf(buffer, sizeof buffer, format, args);
-    std::lock_guard lock(s_logMutex);
-    s_log << QString::fromUtf8(buffer);
-    if (s_log.size() > 60)
-        s_log.removeFirst();
-}
-
-[[noreturn]] void fail(const QString& why)
-{
-    std::lock_guard lock(s_logMutex);
-    for (const QString& line : std::as_const(s_log))
-        std::fprintf(stderr, "  obs: %s\n", qPrintable(line));
-    std::fprintf(stderr, "bench_obs_cost: %s\n", qPrintable(why));
-    std::exit(1);
-}
-
-// The figures go out before OBS shuts down: libobs 29's FreeType source now and then crashes in
-// FT_Done_Face while OBS destroys it at shutdown (seen with and without the plug-in), and a
-// crash there must not cost the run.
-void report(const QJsonObject& result)
-{
-    std::printf("%s\n", QJsonDocument(result).toJson(QJsonDocument::Compact).constData());
-    std::fflush(stdout);
-}
 
 double msSince(uint64_t startNs)
 {
@@ -187,27 +153,6 @@ ThreadTimes threadTimes()
     return times;
 }
 
-// Starts OBS headless with Debian's FreeType text source; `config` is OBS's configuration folder.
-void startObs(const QString& config)
-{
-    base_set_log_handler(keepLog, nullptr);
-    Display* display = XOpenDisplay(nullptr);
-    if (!display)
-        fail("no X display (run under xvfb-run)");
-    obs_set_nix_platform(OBS_NIX_PLATFORM_X11_EGL);
-    obs_set_nix_platform_display(display);
-    if (!obs_startup("en-US", config.toUtf8().constData(), nullptr))
-        fail("obs_startup failed");
-    // clang-format off
-    obs_video_info video = {"libobs-opengl", kFps, 1, 640, 360, 640, 360, VIDEO_FORMAT_NV12, 0,
-                            true, VIDEO_CS_709, VIDEO_RANGE_PARTIAL, OBS_SCALE_BICUBIC};
-    // clang-format on
-    if (obs_reset_video(&video) != OBS_VIDEO_SUCCESS)
-        fail("obs_reset_video failed");
-    if (!openModule(OBS_PLUGIN_DIR "/text-freetype2.so", OBS_PLUGIN_DATA_DIR "/text-freetype2"))
-        fail("cannot load text-freetype2.so");
-}
-
 // The plug-in's settings: following `feedPort`'s device, never the real portal, no update check.
 void writePluginSettings(const QString& config, quint16 feedPort)
 {
@@ -231,7 +176,7 @@ void loadPart()
 {
     QTemporaryDir config;
     writePluginSettings(config.path(), 9); // nothing listens: the plug-in keeps trying
-    startObs(config.path());
+    startObs(config.path(), kFps);
     // OBS has built its main window when it loads modules: fonts, styles and the usual widgets
     // are set up already.
     QWidget window;
@@ -346,7 +291,7 @@ void clockPart(const Options& options)
         fail("the simulated feed does not listen (no TLS backend?)");
 
     writePluginSettings(config.path(), feedPort);
-    startObs(config.path());
+    startObs(config.path(), kFps);
     if (plugin && !openModule(VANTORELLE_MODULE_FILE, VANTORELLE_MODULE_DATA))
         fail("cannot load the plug-in");
 
@@ -478,18 +423,10 @@ void clockPart(const Options& options)
 
 QJsonObject runChild(const QString& part, int seconds)
 {
-    QProcess child;
-    child.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    child.start(QCoreApplication::applicationFilePath(),
-                {"--part", part, "--seconds", QString::number(seconds)});
-    child.waitForFinished(-1);
-    QJsonObject result =
-        QJsonDocument::fromJson(child.readAllStandardOutput().split('\n').first()).object();
+    const QJsonObject result =
+        bench::runChild({"--part", part, "--seconds", QString::number(seconds)});
     if (result.isEmpty())
         return {{"error", QString("the %1 run failed").arg(part)}};
-    // Counted and shown: a crash after the figures were taken.
-    if (child.exitStatus() != QProcess::NormalExit || child.exitCode() != 0)
-        result["crashed_at_shutdown"] = true;
     return result;
 }
 
